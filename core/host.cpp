@@ -1,0 +1,56 @@
+#include "core/host.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+struct HostSeams {
+  char root[ZORD_ROOT_MAX + 1] = {};
+  int port = ZORD_DEFAULT_PORT;
+  char error[160] = {};
+};
+
+HostSeams read_seams() {
+  HostSeams s;
+  if (const char* root = getenv("ZORD_ROOT"); root != nullptr && root[0] != '\0') {
+    if (root[0] != '/')
+      snprintf(s.error, sizeof s.error, "ZORD_ROOT must be an absolute path: %s", root);
+    else if (strlen(root) > ZORD_ROOT_MAX)
+      snprintf(s.error, sizeof s.error, "ZORD_ROOT must be at most %zu characters long", ZORD_ROOT_MAX);
+    else
+      snprintf(s.root, sizeof s.root, "%s", root);
+  }
+  if (const char* port = getenv("ZORD_PORT"); port != nullptr && port[0] != '\0') {
+    char* end = nullptr;
+    long value = strtol(port, &end, 10);
+    if (*end != '\0' || value < 1 || value > 65535)
+      snprintf(s.error, sizeof s.error, "ZORD_PORT must be a port number from 1 to 65535: %s", port);
+    else
+      s.port = static_cast<int>(value);
+  }
+  return s;
+}
+
+const HostSeams& seams() {
+  static const HostSeams s = read_seams();
+  return s;
+}
+
+}  // namespace
+
+const char* zord_root() { return seams().root; }
+
+int zord_port() { return seams().port; }
+
+bool rooted_path(char* out, size_t size, const char* fixed_path) {
+  int n = snprintf(out, size, "%s%s", zord_root(), fixed_path);
+  if (n < 0 || static_cast<size_t>(n) >= size) {
+    if (size > 0) out[0] = '\0';
+    return false;
+  }
+  return true;
+}
+
+const char* host_seams_error() { return seams().error[0] != '\0' ? seams().error : nullptr; }

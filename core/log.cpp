@@ -1,0 +1,212 @@
+// The log: entries of time text, blank, optional "err: ", message, flush.
+#include "core/log.h"
+
+#include <pthread.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <ctime>
+
+FILE* logfile = nullptr;
+int32_t app_env = 1;
+
+namespace {
+
+// Entries are serialised so that a signal arriving mid-entry can wait for it
+// to finish; the bytes of each entry are those of the unlocked original.
+pthread_mutex_t log_mtx = PTHREAD_MUTEX_INITIALIZER;
+
+char pending[LOG_PENDING_SIZE];
+size_t pending_len = 0;
+
+void hold_pending_v(const char* fmt, va_list ap) {
+  if (pending_len >= sizeof pending) return;
+  int n = vsnprintf(pending + pending_len, sizeof pending - pending_len, fmt, ap);
+  if (n > 0) pending_len += static_cast<size_t>(n);
+  if (pending_len > sizeof pending) pending_len = sizeof pending;
+}
+
+void hold_pending(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+void hold_pending(const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  hold_pending_v(fmt, ap);
+  va_end(ap);
+}
+
+void write_entry_v(bool error, const char* fmt, va_list ap) {
+  if (logfile == nullptr) {
+    // Keep whole entries only: one that does not fit is dropped entirely.
+    size_t before = pending_len;
+    hold_pending("%s ", __current_time());
+    if (error) hold_pending("err: ");
+    hold_pending_v(fmt, ap);
+    if (pending_len >= sizeof pending) pending_len = before;
+    return;
+  }
+  fprintf(logfile, "%s ", __current_time());
+  if (error) fwrite("err: ", 1, 5, logfile);
+  vfprintf(logfile, fmt, ap);
+  fflush(logfile);
+}
+
+// One entry whose message is written as data, never as a format.
+void write_entry_data(bool error, const char* text, size_t len) {
+  if (logfile == nullptr) {
+    size_t before = pending_len;
+    hold_pending("%s %s%.*s", __current_time(), error ? "err: " : "", static_cast<int>(len), text);
+    if (pending_len >= sizeof pending) pending_len = before;
+    return;
+  }
+  fprintf(logfile, "%s ", __current_time());
+  if (error) fwrite("err: ", 1, 5, logfile);
+  fwrite(text, 1, len, logfile);
+  fflush(logfile);
+}
+
+class LogLock {
+ public:
+  LogLock() { pthread_mutex_lock(&log_mtx); }
+  ~LogLock() { pthread_mutex_unlock(&log_mtx); }
+  LogLock(const LogLock&) = delete;
+  LogLock& operator=(const LogLock&) = delete;
+};
+
+}  // namespace
+
+void log_entry(bool error, const char* fmt, ...) {
+  LogLock lock;
+  va_list ap;
+  va_start(ap, fmt);
+  write_entry_v(error, fmt, ap);
+  va_end(ap);
+}
+
+void log_entry_locked(bool error, const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  write_entry_v(error, fmt, ap);
+  va_end(ap);
+}
+
+bool log_lock_within(int timeout_ms) {
+  timespec deadline{};
+  clock_gettime(CLOCK_REALTIME, &deadline);
+  deadline.tv_sec += timeout_ms / 1000;
+  deadline.tv_nsec += static_cast<long>(timeout_ms % 1000) * 1000000L;
+  if (deadline.tv_nsec >= 1000000000L) {
+    deadline.tv_sec += 1;
+    deadline.tv_nsec -= 1000000000L;
+  }
+  return pthread_mutex_timedlock(&log_mtx, &deadline) == 0;
+}
+
+void log_unlock() { pthread_mutex_unlock(&log_mtx); }
+
+FILE* log_open(const char* path) {
+  LogLock lock;
+  logfile = fopen(path, "a");
+  if (logfile != nullptr && pending_len > 0) {
+    fwrite(pending, 1, pending_len, logfile);
+    fflush(logfile);
+  }
+  pending_len = 0;
+  return logfile;
+}
+
+void format_time_text(const timeval& tv, char* out, size_t size) {
+  char scratch[32] = {};
+  time_t seconds = tv.tv_sec;
+  tm local{};
+  localtime_r(&seconds, &local);
+  strftime(scratch, sizeof scratch, "%T.", &local);
+  // Rounded, and not carried: 999500 microseconds and more read ".1000".
+  long milliseconds = static_cast<long>(static_cast<double>(tv.tv_usec) / 1000.0 + 0.5);
+  snprintf(out, size, "%s%03ld", scratch, milliseconds);
+}
+
+const char* __current_time() {
+  static char text[32];
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  format_time_text(now, text, sizeof text);
+  return text;
+}
+
+namespace {
+
+constexpr size_t AT_DUMP_SIZE = 2048;
+constexpr size_t AT_DUMP_FLUSH_AT = 2039;
+
+struct AtDump {
+  int32_t level;
+  char buf[AT_DUMP_SIZE];
+  size_t pos;
+
+  void append(const char* fmt, ...) __attribute__((format(printf, 2, 3))) {
+    if (pos >= sizeof buf - 1) return;
+    va_list ap;
+    va_start(ap, fmt);
+    int n = vsnprintf(buf + pos, sizeof buf - pos, fmt, ap);
+    va_end(ap);
+    if (n > 0) pos += static_cast<size_t>(n);
+    if (pos > sizeof buf - 1) pos = sizeof buf - 1;
+  }
+
+  // The buffer goes out as data: a "%" in it is printed as it stands.
+  void write_out() {
+    if (app_env >= level) {
+      LogLock lock;
+      write_entry_data(level == 0, buf, pos);
+    }
+    pos = 0;
+    buf[0] = '\0';
+  }
+
+  // Characters of bytes [from, to): control and high bytes as ".", and "%"
+  // as "+" except in the closing line, which keeps it.
+  void append_chars(const unsigned char* bytes, int from, int to, bool map_percent) {
+    for (int j = from; j < to && pos < sizeof buf - 1; ++j) {
+      unsigned char c = bytes[j];
+      if (c == '%' && map_percent) c = '+';
+      else if (c < 0x20 || c >= 0x80) c = '.';
+      buf[pos++] = static_cast<char>(c);
+    }
+    buf[pos] = '\0';
+  }
+};
+
+}  // namespace
+
+int LOG_AT_MSG(int32_t level, int32_t length, const void* data) {
+  const auto* bytes = static_cast<const unsigned char*>(data);
+  AtDump dump{level, {}, 0};
+
+  if (app_env >= 1)
+    log_entry(false, "pStr is initialized to %X\n",
+              static_cast<unsigned>(reinterpret_cast<uintptr_t>(dump.buf)));
+
+  for (int32_t i = 0; i < length; ++i) {
+    // Sign-extended: 0x80 and above print as FFFFFF80 and the like.
+    dump.append(" %02X", static_cast<unsigned>(static_cast<int>(static_cast<signed char>(bytes[i]))));
+    if (dump.pos >= AT_DUMP_FLUSH_AT) {
+      if (app_env >= level) log_entry(level == 0, "flushing out AT Msg:\n");
+      dump.write_out();
+    }
+    if (i % 16 == 15) {
+      dump.append(" --- ");
+      dump.append_chars(bytes, i - 15, i + 1, true);
+      dump.append("\n");
+      dump.write_out();
+    }
+  }
+  if ((length - 1) % 16 != 15) {
+    dump.append(" --- ");
+    dump.append_chars(bytes, length - length % 16, length, false);
+    dump.append("\n");
+  }
+  dump.append("\n");
+  dump.write_out();
+  return 0;
+}
