@@ -1,0 +1,206 @@
+#include "tests/support/process.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <ftw.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+extern char** environ;
+
+namespace zt {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+Clock::time_point deadline_in(int timeout_ms) { return Clock::now() + std::chrono::milliseconds(timeout_ms); }
+
+int ms_left(Clock::time_point deadline) {
+  auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+  return left > 0 ? static_cast<int>(left) : 0;
+}
+
+// Between two looks at something that gives no event to wait on.
+void short_pause() { std::this_thread::sleep_for(std::chrono::milliseconds(5)); }
+
+std::vector<std::string> launcher() {
+  std::vector<std::string> words;
+  std::stringstream in(ZORD_TEST_LAUNCHER);
+  for (std::string w; std::getline(in, w, '|');)
+    if (!w.empty()) words.push_back(w);
+  return words;
+}
+
+int remove_entry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
+
+}  // namespace
+
+TempRoot::TempRoot() {
+  char name[] = "/tmp/zordXXXXXX";
+  if (mkdtemp(name) == nullptr) abort();
+  path_ = name;
+  mkdir((path_ + "/tmp").c_str(), 0755);
+  mkdir((path_ + "/tmp/logs").c_str(), 0755);
+}
+
+TempRoot::~TempRoot() { nftw(path_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS); }
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+
+std::string without_time_text(const std::string& log) {
+  static const std::regex time_text("(^|\n)[0-2][0-9]:[0-5][0-9]:[0-6][0-9]\\.[0-9]{3,4} ");
+  return std::regex_replace(log, time_text, "$1");
+}
+
+Child spawn(const std::vector<std::string>& argv, const std::vector<std::string>& env, bool capture) {
+  std::vector<std::string> words = launcher();
+  words.insert(words.end(), argv.begin(), argv.end());
+  std::vector<std::string> envs;
+  for (char** e = environ; *e != nullptr; ++e) envs.emplace_back(*e);
+  envs.insert(envs.end(), env.begin(), env.end());
+
+  std::vector<char*> args, envp;
+  for (auto& w : words) args.push_back(w.data());
+  args.push_back(nullptr);
+  for (auto& e : envs) envp.push_back(e.data());
+  envp.push_back(nullptr);
+
+  int out[2] = {-1, -1}, err[2] = {-1, -1};
+  if (capture && (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)) return {};
+  Child child;
+  child.pid = fork();
+  if (child.pid == 0) {
+    if (capture) {
+      dup2(out[1], 1);
+      dup2(err[1], 2);
+    }
+    execvpe(args[0], args.data(), envp.data());  // the emulator is found through PATH
+    _exit(127);
+  }
+  if (capture) {
+    close(out[1]);
+    close(err[1]);
+    child.out_fd = out[0];
+    child.err_fd = err[0];
+  }
+  return child;
+}
+
+bool wait_exit(pid_t pid, int* status, int timeout_ms) {
+  auto deadline = deadline_in(timeout_ms);
+  for (;;) {
+    pid_t r = waitpid(pid, status, WNOHANG);
+    if (r == pid) return true;
+    if (r < 0 && errno != EINTR) return false;
+    if (ms_left(deadline) == 0) return false;
+    short_pause();
+  }
+}
+
+std::string read_until_eof(int fd, int timeout_ms) {
+  std::string text;
+  auto deadline = deadline_in(timeout_ms);
+  for (;;) {
+    pollfd p{fd, POLLIN, 0};
+    if (poll(&p, 1, ms_left(deadline)) <= 0) return text;
+    char buf[4096];
+    ssize_t n = read(fd, buf, sizeof buf);
+    if (n <= 0) return text;
+    text.append(buf, static_cast<size_t>(n));
+  }
+}
+
+bool read_until(int fd, const std::string& wanted, int timeout_ms) {
+  std::string text;
+  auto deadline = deadline_in(timeout_ms);
+  while (text.find(wanted) == std::string::npos) {
+    pollfd p{fd, POLLIN, 0};
+    if (poll(&p, 1, ms_left(deadline)) <= 0) return false;
+    char buf[256];
+    ssize_t n = read(fd, buf, sizeof buf);
+    if (n <= 0) return false;
+    text.append(buf, static_cast<size_t>(n));
+  }
+  return true;
+}
+
+bool wait_for_text(const std::string& path, const std::string& text, int timeout_ms) {
+  auto deadline = deadline_in(timeout_ms);
+  while (read_file(path).find(text) == std::string::npos) {
+    if (ms_left(deadline) == 0) return false;
+    short_pause();
+  }
+  return true;
+}
+
+std::vector<pid_t> pids_with_env(const std::string& entry) {
+  std::vector<pid_t> pids;
+  DIR* proc = opendir("/proc");
+  if (proc == nullptr) return pids;
+  while (dirent* d = readdir(proc)) {
+    pid_t pid = static_cast<pid_t>(atoi(d->d_name));
+    if (pid <= 0) continue;
+    std::string env = read_file("/proc/" + std::string(d->d_name) + "/environ");
+    std::stringstream in(env);
+    for (std::string e; std::getline(in, e, '\0');)
+      if (e == entry) {
+        pids.push_back(pid);
+        break;
+      }
+  }
+  closedir(proc);
+  return pids;
+}
+
+// A process that has ended but not been reaped yet (its parent is init, which
+// may be slow to reap or never do it) counts as gone.
+static bool ended(pid_t pid) {
+  if (kill(pid, 0) != 0) return true;
+  std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+  size_t paren = stat.rfind(')');
+  return paren == std::string::npos || stat.compare(paren, 3, ") Z") == 0;
+}
+
+bool wait_gone(pid_t pid, int timeout_ms) {
+  auto deadline = deadline_in(timeout_ms);
+  while (!ended(pid)) {
+    if (ms_left(deadline) == 0) return false;
+    short_pause();
+  }
+  return true;
+}
+
+int free_tcp_port() {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof addr;
+  int port = -1;
+  if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
+    port = ntohs(addr.sin_port);
+  close(fd);
+  return port;
+}
+
+}  // namespace zt

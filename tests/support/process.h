@@ -1,0 +1,61 @@
+// Test helpers: temporary roots, programs started as children (through the
+// emulator on a cross build), and bounded waits for what they write.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace zt {
+
+// A fresh, short directory under /tmp with tmp/logs in it, removed at the end.
+class TempRoot {
+ public:
+  TempRoot();
+  ~TempRoot();
+  TempRoot(const TempRoot&) = delete;
+  TempRoot& operator=(const TempRoot&) = delete;
+  const std::string& path() const { return path_; }
+  std::string log_path() const { return path_ + "/tmp/logs/zord-vvm-app.log"; }
+
+ private:
+  std::string path_;
+};
+
+std::string read_file(const std::string& path);
+
+// The log with every entry's leading time text taken out.
+std::string without_time_text(const std::string& log);
+
+struct Child {
+  pid_t pid = -1;
+  int out_fd = -1;  // the child's standard output, or -1
+  int err_fd = -1;  // its standard error, or -1
+};
+
+// Starts argv (argv[0] a program path) with extra "NAME=value" entries in
+// its environment. Standard output and error are captured when asked.
+Child spawn(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
+            bool capture = false);
+
+// Waits for the child to end; false when it has not ended in time.
+bool wait_exit(pid_t pid, int* status, int timeout_ms);
+
+// Reads fd until end of file or the time is up.
+std::string read_until_eof(int fd, int timeout_ms);
+// Reads fd until the text has arrived (true) or the time is up (false).
+bool read_until(int fd, const std::string& text, int timeout_ms);
+
+// Waits until the file holds the text.
+bool wait_for_text(const std::string& path, const std::string& text, int timeout_ms);
+
+// Processes whose environment holds this exact "NAME=value" entry.
+std::vector<pid_t> pids_with_env(const std::string& entry);
+// Waits until the process is gone (for processes that are not our children).
+bool wait_gone(pid_t pid, int timeout_ms);
+
+// A loopback TCP port that was free a moment ago.
+int free_tcp_port();
+
+}  // namespace zt
