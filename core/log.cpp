@@ -3,10 +3,13 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
 #include <ctime>
+
+#include "core/mutex_lock.h"
 
 FILE* logfile = nullptr;
 int32_t app_env = 1;
@@ -16,6 +19,10 @@ namespace {
 // Entries are serialised so that a signal arriving mid-entry can wait for it
 // to finish; the bytes of each entry are those of the unlocked original.
 pthread_mutex_t log_mtx = PTHREAD_MUTEX_INITIALIZER;
+
+// Set when the process is about to end: no new entry may start, so the last
+// one gets the lock as soon as the entry in progress is done.
+std::atomic<bool> entries_closed{false};
 
 char pending[LOG_PENDING_SIZE];
 size_t pending_len = 0;
@@ -65,18 +72,11 @@ void write_entry_data(bool error, const char* text, size_t len) {
   fflush(logfile);
 }
 
-class LogLock {
- public:
-  LogLock() { pthread_mutex_lock(&log_mtx); }
-  ~LogLock() { pthread_mutex_unlock(&log_mtx); }
-  LogLock(const LogLock&) = delete;
-  LogLock& operator=(const LogLock&) = delete;
-};
-
 }  // namespace
 
 void log_entry(bool error, const char* fmt, ...) {
-  LogLock lock;
+  if (entries_closed.load(std::memory_order_relaxed)) return;
+  MutexLock lock(log_mtx);
   va_list ap;
   va_start(ap, fmt);
   write_entry_v(error, fmt, ap);
@@ -90,7 +90,8 @@ void log_entry_locked(bool error, const char* fmt, ...) {
   va_end(ap);
 }
 
-bool log_lock_within(int timeout_ms) {
+bool log_close_for_exit(int timeout_ms) {
+  entries_closed.store(true, std::memory_order_relaxed);
   timespec deadline{};
   clock_gettime(CLOCK_REALTIME, &deadline);
   deadline.tv_sec += timeout_ms / 1000;
@@ -102,10 +103,8 @@ bool log_lock_within(int timeout_ms) {
   return pthread_mutex_timedlock(&log_mtx, &deadline) == 0;
 }
 
-void log_unlock() { pthread_mutex_unlock(&log_mtx); }
-
 FILE* log_open(const char* path) {
-  LogLock lock;
+  MutexLock lock(log_mtx);
   logfile = fopen(path, "a");
   if (logfile != nullptr && pending_len > 0) {
     fwrite(pending, 1, pending_len, logfile);
@@ -156,8 +155,8 @@ struct AtDump {
 
   // The buffer goes out as data: a "%" in it is printed as it stands.
   void write_out() {
-    if (app_env >= level) {
-      LogLock lock;
+    if (app_env >= level && !entries_closed.load(std::memory_order_relaxed)) {
+      MutexLock lock(log_mtx);
       write_entry_data(level == 0, buf, pos);
     }
     pos = 0;

@@ -41,10 +41,9 @@ void format_time_text(const timeval& tv, char* out, size_t size);
 // Hex and character dump of an AT message, 16 bytes a line.
 int LOG_AT_MSG(int32_t level, int32_t length, const void* data);
 
-// For the signal path: take the entry lock, waiting at most timeout_ms.
-// A holder that never lets go (a thread stopped by a fault in the middle of
-// an entry) must not keep the process from ending.
-bool log_lock_within(int timeout_ms);
-void log_unlock();
+// For the signal path: close the log to new entries and take the entry lock,
+// waiting at most timeout_ms. A holder that never lets go (a thread stopped
+// by a fault in the middle of an entry) must not keep the process from ending.
+bool log_close_for_exit(int timeout_ms);
 // Writes one entry while the caller holds the lock.
 void log_entry_locked(bool error, const char* fmt, ...) __attribute__((format(printf, 2, 3)));

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <initializer_list>
 
 #include "atserver/command_server.h"
 #include "core/host.h"
@@ -88,32 +87,31 @@ int main(int argc, char** argv) {
   ZLOG_INFO("STARTING ZOR Daemon compile time %s:%s\n", zord_build_date, zord_build_time);
   setup_signals();
 
-  // strerror(errno) names the thread's errno, not pthread_create's result.
-  if (pthread_create(&at_thread, nullptr, AtThreadMain, nullptr) != 0) {
-    ZLOG_ERROR("cannot created at thread %s\n", strerror(errno));
-    return -1;
-  }
-  if (pthread_create(&unsol_thread, nullptr, zorUnsol_ThreadMain, nullptr) != 0) {
-    ZLOG_ERROR("cannot created at unsol thread %s\n", strerror(errno));
-    return -1;
-  }
-  if (pthread_create(&listener_thread, nullptr, run_listener_thread, nullptr) != 0) {
-    ZLOG_ERROR("cannot created main zor listener %s\n", strerror(errno));
-    return -1;
-  }
-  // The dispatcher has no message of its own: the listener's is reused.
-  if (pthread_create(&at_q_thread, nullptr, run_at_q_thread, nullptr) != 0) {
-    ZLOG_ERROR("cannot created main zor listener %s\n", strerror(errno));
-    return -1;
-  }
-  if (pthread_create(&lte_reg_thread, nullptr, initial_LTE_reg_thread, nullptr) != 0) {
-    ZLOG_ERROR("cannot created main initial_LTE_reg_thread %s\n", strerror(errno));
-    return -1;
+  // The dispatcher has no failure message of its own: the listener's is
+  // used twice. strerror(errno) names the thread's errno, not the code that
+  // pthread_create returned.
+  static const char* const listener_failed = "cannot created main zor listener %s\n";
+  const struct {
+    pthread_t* handle;
+    void* (*entry)(void*);
+    const char* failed;
+  } threads[] = {
+      {&at_thread, AtThreadMain, "cannot created at thread %s\n"},
+      {&unsol_thread, zorUnsol_ThreadMain, "cannot created at unsol thread %s\n"},
+      {&listener_thread, run_listener_thread, listener_failed},
+      {&at_q_thread, run_at_q_thread, listener_failed},
+      {&lte_reg_thread, initial_LTE_reg_thread, "cannot created main initial_LTE_reg_thread %s\n"},
+  };
+  for (const auto& t : threads) {
+    if (pthread_create(t.handle, nullptr, t.entry, nullptr) != 0) {
+      ZLOG_ERROR(t.failed, strerror(errno));
+      return -1;
+    }
   }
   ZLOG_INFO("ZOR main finished tarting threads\n");
 
-  for (pthread_t thread : {at_thread, unsol_thread, listener_thread, at_q_thread, lte_reg_thread}) {
-    if (pthread_join(thread, nullptr) != 0) ZLOG_ERROR("pthread_join failed %s\n", strerror(errno));
+  for (const auto& t : threads) {
+    if (pthread_join(*t.handle, nullptr) != 0) ZLOG_ERROR("pthread_join failed %s\n", strerror(errno));
   }
   ZLOG_INFO("EXIT\n");
   return 0;

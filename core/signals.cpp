@@ -46,7 +46,7 @@ void format_signal_message(char* out, size_t size, int signal_number) {
 [[noreturn]] void end_process(int signal_number) {
   char message[128];
   format_signal_message(message, sizeof message, signal_number);
-  if (log_lock_within(LOG_LOCK_WAIT_MS)) {
+  if (log_close_for_exit(LOG_LOCK_WAIT_MS)) {
     if (app_env >= 0) log_entry_locked(true, "%s", message);
     // A parked thread may hold any library lock (the allocator's, a stream's);
     // exit handlers could wait on it for ever, so a fault ends with _exit.

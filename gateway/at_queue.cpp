@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include "core/log.h"
+#include "core/mutex_lock.h"
 #include "core/relaxed.h"
 
 ChildEntry* childs = nullptr;
@@ -26,14 +27,6 @@ namespace {
 // Used when the shared mapping cannot be made: every user of the table lives
 // in this process, so private memory serves the same.
 ChildArea private_child_area;
-
-class ChildsLock {
- public:
-  ChildsLock() { pthread_mutex_lock(&childs_mtx); }
-  ~ChildsLock() { pthread_mutex_unlock(&childs_mtx); }
-  ChildsLock(const ChildsLock&) = delete;
-  ChildsLock& operator=(const ChildsLock&) = delete;
-};
 
 // Client threads and the dispatcher read the flags without the lock, so even
 // a locked clear goes field by field.
@@ -81,7 +74,7 @@ int32_t init_shared_ipc() {
 }
 
 int remove_child_by_fd(int fd) {
-  ChildsLock lock;
+  MutexLock lock(childs_mtx);
   int freed = 0;
   for (int i = 0; i < MAX_CHILDS; ++i) {
     if (childs[i].connfd != fd) continue;
@@ -95,7 +88,7 @@ int remove_child_by_fd(int fd) {
 }
 
 int find_child_by_addr(uint32_t addr, uint32_t port, int* slot) {
-  ChildsLock lock;
+  MutexLock lock(childs_mtx);
   for (int i = 0; i < MAX_CHILDS; ++i) {
     if (childs[i].port == port && childs[i].addr == addr) {
       *slot = i;
