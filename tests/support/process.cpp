@@ -116,31 +116,34 @@ bool wait_exit(pid_t pid, int* status, int timeout_ms) {
   }
 }
 
-std::string read_until_eof(int fd, int timeout_ms) {
-  std::string text;
-  auto deadline = deadline_in(timeout_ms);
-  for (;;) {
-    pollfd p{fd, POLLIN, 0};
-    if (poll(&p, 1, ms_left(deadline)) <= 0) return text;
-    char buf[4096];
-    ssize_t n = read(fd, buf, sizeof buf);
-    if (n <= 0) return text;
-    text.append(buf, static_cast<size_t>(n));
-  }
-}
+namespace {
 
-bool read_until(int fd, const std::string& wanted, int timeout_ms) {
-  std::string text;
+// Appends what fd gives to text until it holds `wanted` (true), or end of
+// file, or the time is up (false). With no `wanted`, reads to end of file.
+bool read_into(int fd, std::string& text, const std::string* wanted, int timeout_ms) {
   auto deadline = deadline_in(timeout_ms);
-  while (text.find(wanted) == std::string::npos) {
+  while (wanted == nullptr || text.find(*wanted) == std::string::npos) {
     pollfd p{fd, POLLIN, 0};
     if (poll(&p, 1, ms_left(deadline)) <= 0) return false;
-    char buf[256];
+    char buf[4096];
     ssize_t n = read(fd, buf, sizeof buf);
     if (n <= 0) return false;
     text.append(buf, static_cast<size_t>(n));
   }
   return true;
+}
+
+}  // namespace
+
+std::string read_until_eof(int fd, int timeout_ms) {
+  std::string text;
+  read_into(fd, text, nullptr, timeout_ms);
+  return text;
+}
+
+bool read_until(int fd, const std::string& wanted, int timeout_ms) {
+  std::string text;
+  return read_into(fd, text, &wanted, timeout_ms);
 }
 
 bool wait_for_text(const std::string& path, const std::string& text, int timeout_ms) {
