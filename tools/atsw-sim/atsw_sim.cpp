@@ -139,15 +139,15 @@ struct Simulator::Impl {
   static std::string ok() { return "\r\nOK\r\n"; }
 
   std::string cereg() const {
-    std::string line = "+CEREG: " + std::to_string(model.n) + sep() + std::to_string(model.stat);
-    if (model.n >= 2) line += sep() + loc(model.tac) + sep() + loc(model.ci) + sep() + std::to_string(model.act);
-    return info({line}) + ok();
+    return info({"+CEREG: " + std::to_string(model.n) + sep() + std::to_string(model.stat) + location()}) + ok();
   }
 
-  std::string report() const {
-    std::string line = "+CEREG: " + std::to_string(model.stat);
-    if (model.n >= 2) line += sep() + loc(model.tac) + sep() + loc(model.ci) + sep() + std::to_string(model.act);
-    return "\r\n" + line + "\r\n";
+  std::string report() const { return "\r\n+CEREG: " + std::to_string(model.stat) + location() + "\r\n"; }
+
+  // Real modems give tac, ci and AcT with n 2 and up, and only while registered.
+  std::string location() const {
+    if (model.n < 2 || !registered()) return "";
+    return sep() + loc(model.tac) + sep() + loc(model.ci) + sep() + std::to_string(model.act);
   }
 
   std::string pconi() const {
@@ -495,7 +495,6 @@ void Simulator::stop() {
   Impl& s = *impl_;
   {
     std::lock_guard lock(s.mtx);
-    if (!s.running && !s.loop.joinable()) return;
     s.running = false;
     if (s.wake[1] >= 0) {
       ssize_t ignored = write(s.wake[1], "x", 1);
@@ -556,6 +555,11 @@ std::string Simulator::received_bytes(int connection) const {
   std::lock_guard lock(impl_->mtx);
   auto it = impl_->bytes_in.find(connection);
   return it == impl_->bytes_in.end() ? "" : it->second;
+}
+
+int Simulator::unsol_connections() const {
+  std::lock_guard lock(impl_->mtx);
+  return static_cast<int>(impl_->unsol_conns.size());
 }
 
 std::vector<Session> Simulator::sessions() const {

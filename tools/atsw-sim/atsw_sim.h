@@ -47,6 +47,7 @@ class Simulator {
   std::vector<Received> record() const;
   std::string received_bytes(int connection) const;  // byte for byte
   std::vector<Session> sessions() const;
+  int unsol_connections() const;  // how many listen for reports now
 
   std::string config_path() const;
   std::string socket_path(int number) const;
