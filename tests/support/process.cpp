@@ -8,9 +8,11 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -75,7 +77,12 @@ Child spawn(const std::vector<std::string>& argv, const std::vector<std::string>
   std::vector<std::string> words = launcher();
   words.insert(words.end(), argv.begin(), argv.end());
   std::vector<std::string> envs;
-  for (char** e = environ; *e != nullptr; ++e) envs.emplace_back(*e);
+  for (char** e = environ; *e != nullptr; ++e) {
+    std::string entry = *e;
+    std::string name = entry.substr(0, entry.find('=') + 1);
+    bool replaced = std::any_of(env.begin(), env.end(), [&](const std::string& x) { return x.rfind(name, 0) == 0; });
+    if (!replaced) envs.push_back(entry);
+  }
   envs.insert(envs.end(), env.begin(), env.end());
 
   std::vector<char*> args, envp;
@@ -89,6 +96,8 @@ Child spawn(const std::vector<std::string>& argv, const std::vector<std::string>
   Child child;
   child.pid = fork();
   if (child.pid == 0) {
+    int null = open("/dev/null", O_RDONLY);
+    dup2(null, 0);
     if (capture) {
       dup2(out[1], 1);
       dup2(err[1], 2);
@@ -141,9 +150,24 @@ std::string read_until_eof(int fd, int timeout_ms) {
   return text;
 }
 
-bool read_until(int fd, const std::string& wanted, int timeout_ms) {
+bool read_until(int fd, const std::string& wanted, int timeout_ms, std::string* got) {
   std::string text;
-  return read_into(fd, text, &wanted, timeout_ms);
+  bool found = read_into(fd, text, &wanted, timeout_ms);
+  if (got != nullptr) *got = text;
+  return found;
+}
+
+int connect_unix(const std::string& path) {
+  sockaddr_un addr{};
+  if (path.size() >= sizeof addr.sun_path) return -1;
+  addr.sun_family = AF_UNIX;
+  memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
 }
 
 bool wait_for_text(const std::string& path, const std::string& text, int timeout_ms) {

@@ -34,8 +34,9 @@ struct Child {
   int err_fd = -1;  // its standard error, or -1
 };
 
-// Starts argv (argv[0] a program path) with extra "NAME=value" entries in
-// its environment. Standard output and error are captured when asked.
+// Starts argv (argv[0] a program path) with "NAME=value" entries added to
+// its environment (replacing any of the same name), standard input on
+// /dev/null. Standard output and error are captured when asked.
 Child spawn(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
             bool capture = false);
 
@@ -44,8 +45,12 @@ bool wait_exit(pid_t pid, int* status, int timeout_ms);
 
 // Reads fd until end of file or the time is up.
 std::string read_until_eof(int fd, int timeout_ms);
-// Reads fd until the text has arrived (true) or the time is up (false).
-bool read_until(int fd, const std::string& text, int timeout_ms);
+// Reads fd until the text has arrived (true) or the time is up or the peer
+// closes (false). What was read goes to *got when given.
+bool read_until(int fd, const std::string& text, int timeout_ms, std::string* got = nullptr);
+
+// A connected Unix stream socket, or -1.
+int connect_unix(const std::string& path);
 
 // Waits until the file holds the text.
 bool wait_for_text(const std::string& path, const std::string& text, int timeout_ms);
