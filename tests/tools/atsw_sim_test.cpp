@@ -102,6 +102,19 @@ TEST(AtswSim, AnswersSeveralCommandsInOrderAndRecordsThemByteForByte) {
   EXPECT_EQ(s.sim.sessions()[0].args, "1,\"0000010F1001\"");
 }
 
+TEST(AtswSim, TakesAnEndlessLineInBoundedPieces) {
+  Running s;
+  s.send(std::string(5000, 'A'));
+  EXPECT_EQ(s.read_until("\r\nERROR\r\n"), "\r\nERROR\r\n");
+  s.send("\nAT+CIMI\n");
+  s.read_until("\r\n+CIMI: 310410123456789\r\n" + OK);
+  std::vector<atsw::Received> record = s.sim.record();
+  ASSERT_EQ(record.size(), 3u);
+  EXPECT_EQ(record[0].text.size(), 4096u);
+  EXPECT_EQ(record[1].text, std::string(5000 - 4096, 'A'));
+  EXPECT_EQ(record[2].text, "AT+CIMI");
+}
+
 TEST(AtswSim, SplitsAnAnswerOverTwoWrites) {
   Running s;
   ASSERT_EQ(s.sim.control("split 300"), "ok\n");

@@ -46,6 +46,10 @@ struct Faults {
   bool close_next = false;
 };
 
+// Longest command or control line kept; a longer run without a line end is
+// taken as it stands (commands) or ends the connection (control).
+constexpr size_t MAX_LINE = 4096;
+
 struct Conn {
   int fd;
   int id;
@@ -208,9 +212,11 @@ struct Simulator::Impl {
   // Returns false when the connection is to be closed.
   bool take_commands(Conn& c) {
     size_t end;
-    while ((end = c.in.find_first_of("\r\n")) != std::string::npos) {
+    while ((end = c.in.find_first_of("\r\n")) != std::string::npos || c.in.size() > MAX_LINE) {
+      bool ended = end != std::string::npos;
+      if (!ended) end = MAX_LINE;
       std::string text = c.in.substr(0, end);
-      c.in.erase(0, end + 1);
+      c.in.erase(0, ended ? end + 1 : end);
       if (text.find_first_not_of(" \t") == std::string::npos) continue;
       record.push_back({c.id, text});
       if (faults.close_next) {
@@ -443,6 +449,7 @@ struct Simulator::Impl {
             c.in.erase(0, end + 1);
             write_all(c.fd, run(line));
           }
+          if (c.in.size() > MAX_LINE) drop(*conns, i);
         }
         return;
       }
