@@ -10,36 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/client.h"
 #include "tests/support/process.h"
 #include "tools/atsw-sim/atsw_sim.h"
 
 namespace zt {
-
-constexpr int E2E_WAIT_MS = 20000;
-
-// A TCP client of the daemon, from its own loopback source address.
-class Client {
- public:
-  Client(int port, const std::string& source);
-  ~Client();
-  Client(const Client&) = delete;
-  Client& operator=(const Client&) = delete;
-
-  bool connected() const { return fd_ >= 0; }
-  int fd() const { return fd_; }
-  // One line per write: the daemon takes one receive as one line.
-  bool send_line(const std::string& line);
-  // Everything received until `text` arrived (or the deadline or the end of
-  // the connection came first: then without it).
-  std::string read_until(const std::string& text, int timeout_ms = E2E_WAIT_MS);
-  // Sends a line and reads until `text`.
-  std::string request(const std::string& line, const std::string& text, int timeout_ms = E2E_WAIT_MS);
-  // True when the daemon closes the connection within the time.
-  bool closed_by_peer(int timeout_ms = E2E_WAIT_MS);
-
- private:
-  int fd_ = -1;
-};
 
 class ZordHarness : public ::testing::Test {
  protected:
@@ -51,7 +26,7 @@ class ZordHarness : public ::testing::Test {
 
   // The daemon's log with time text taken out.
   std::string log() const;
-  bool wait_for_log(const std::string& text, int timeout_ms = E2E_WAIT_MS) const;
+  bool wait_for_log(const std::string& text, int timeout_ms = WAIT_MS) const;
 
   // The modem model and its record.
   std::string modem(const std::string& control_line);
@@ -62,7 +37,7 @@ class ZordHarness : public ::testing::Test {
   std::unique_ptr<Client> client(const std::string& source = "");
 
   // Sends the daemon a signal and collects its exit status (-1: did not end).
-  int signal_daemon(int signal_number, int timeout_ms = E2E_WAIT_MS);
+  int signal_daemon(int signal_number, int timeout_ms = WAIT_MS);
 
   const TempRoot& root() const { return root_; }
   int port() const { return port_; }

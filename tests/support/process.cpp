@@ -170,13 +170,40 @@ int connect_unix(const std::string& path) {
   return fd;
 }
 
-bool wait_for_text(const std::string& path, const std::string& text, int timeout_ms) {
+bool wait_until(const std::function<bool()>& condition, int timeout_ms) {
   auto deadline = deadline_in(timeout_ms);
-  while (read_file(path).find(text) == std::string::npos) {
+  while (!condition()) {
     if (ms_left(deadline) == 0) return false;
     short_pause();
   }
   return true;
+}
+
+bool wait_for_text(const std::string& path, const std::string& text, int timeout_ms) {
+  return wait_until([&] { return read_file(path).find(text) != std::string::npos; }, timeout_ms);
+}
+
+bool wait_listening(int port, int timeout_ms) {
+  char local[16];
+  snprintf(local, sizeof local, ":%04X ", port);
+  return wait_until(
+      [&] {
+        std::istringstream table(read_file("/proc/net/tcp"));
+        for (std::string line; std::getline(table, line);) {
+          std::istringstream fields(line);
+          std::string slot, local_addr, remote_addr, state;
+          fields >> slot >> local_addr >> remote_addr >> state;
+          if (state == "0A" && (local_addr + " ").find(local) != std::string::npos) return true;
+        }
+        return false;
+      },
+      timeout_ms);
+}
+
+size_t count_of(const std::string& haystack, const std::string& text) {
+  size_t n = 0;
+  for (size_t at = haystack.find(text); at != std::string::npos; at = haystack.find(text, at + text.size())) ++n;
+  return n;
 }
 
 std::vector<pid_t> pids_with_env(const std::string& entry) {
@@ -208,12 +235,7 @@ static bool ended(pid_t pid) {
 }
 
 bool wait_gone(pid_t pid, int timeout_ms) {
-  auto deadline = deadline_in(timeout_ms);
-  while (!ended(pid)) {
-    if (ms_left(deadline) == 0) return false;
-    short_pause();
-  }
-  return true;
+  return wait_until([&] { return ended(pid); }, timeout_ms);
 }
 
 int free_tcp_port() {

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -62,5 +63,13 @@ bool wait_gone(pid_t pid, int timeout_ms);
 
 // A loopback TCP port that was free a moment ago.
 int free_tcp_port();
+
+// Waits until the condition holds; false when the time is up first.
+bool wait_until(const std::function<bool()>& condition, int timeout_ms);
+// Waits until something listens on the TCP port (without connecting to it).
+bool wait_listening(int port, int timeout_ms);
+
+// How often text stands in haystack.
+size_t count_of(const std::string& haystack, const std::string& text);
 
 }  // namespace zt
