@@ -12,10 +12,15 @@ namespace {
 
 using Smoke = zt::ZordHarness;
 
-TEST_F(Smoke, StartsBesideTheSimulatorAndEndsOnSigterm) {
+TEST_F(Smoke, StartsBesideTheSimulatorTakesAClientAndEndsOnSigterm) {
   std::string log = this->log();
   EXPECT_EQ(log.find("main entry\n"), 0u) << log;
   EXPECT_NE(log.find("STARTING ZOR Daemon compile time "), std::string::npos);
+
+  auto c = client();
+  ASSERT_TRUE(c->connected());
+  EXPECT_EQ(c->request("AT+CEVVMCMD=1\r\n", "OK\r\n"), "OK\r\n");
+  EXPECT_EQ(c->request("AT+CEVVMEV=1\r\n", "OK\r\n"), "OK\r\n");
 
   int status = signal_daemon(SIGTERM);
   ASSERT_NE(status, -1) << "zord did not end";
@@ -54,7 +59,7 @@ TEST(HarnessClient, TalksFromItsOwnLoopbackAddress) {
 
   ASSERT_TRUE(client.send_line("AT+CEVVMCMD=1\r\n"));
   std::string line;
-  EXPECT_TRUE(zt::read_until(conn, "\r\n", zt::E2E_WAIT_MS, &line));
+  EXPECT_TRUE(zt::read_until(conn, "\r\n", zt::WAIT_MS, &line));
   EXPECT_EQ(line, "AT+CEVVMCMD=1\r\n");
   ASSERT_EQ(write(conn, "OK\r\n", 4), 4);
   EXPECT_EQ(client.read_until("OK\r\n"), "OK\r\n");
