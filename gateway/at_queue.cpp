@@ -75,6 +75,10 @@ int32_t init_shared_ipc() {
 
 int remove_child_by_fd(int fd) {
   MutexLock lock(childs_mtx);
+  return remove_child_by_fd_locked(fd);
+}
+
+int remove_child_by_fd_locked(int fd) {
   int freed = 0;
   for (int i = 0; i < MAX_CHILDS; ++i) {
     if (childs[i].connfd != fd) continue;

@@ -76,6 +76,8 @@ int32_t init_shared_ipc();
 
 // Frees the first slot among 0..9 whose connfd is fd. 1 if one was freed.
 int remove_child_by_fd(int fd);
+// The same for a caller that holds childs_mtx.
+int remove_child_by_fd_locked(int fd);
 
 // 0 and the slot when a slot among 0..9 has this port and address, else -1.
 int find_child_by_addr(uint32_t addr, uint32_t port, int* slot);

@@ -22,21 +22,26 @@
 
 namespace {
 
+// Set by a client thread once it has taken its slot; guarded by childs_mtx.
+// The listener lets each new thread take its slot before it accepts again, so
+// a slot never changes under a thread that has not read it yet.
+bool slot_taken[MAX_CHILDS];
+constexpr int SLOT_TAKE_WAIT_MS = 5000;
+
 // A new connection from the address of the client in slot 0 replaces that
 // client. Only slot 0 is looked at, ten times over, as the daemon always did.
 void drop_slot0_on_reconnect(uint32_t peer_addr, int new_fd) {
   for (int i = 0; i < MAX_CHILDS; ++i) {
-    int fd0;
     {
       MutexLock lock(childs_mtx);
       if (childs[0].addr != peer_addr) continue;
-      fd0 = childs[0].connfd;
+      // The client's thread owns the descriptor: the shutdown ends its
+      // receive, and it closes the descriptor itself. Closing it here could
+      // hand its number to a new client while the old thread still reads it.
+      int fd0 = childs[0].connfd;
+      shutdown(fd0, SHUT_RDWR);
+      remove_child_by_fd_locked(fd0);
     }
-    // The dropped client's thread sees its receive fail and cleans up too.
-    // Whoever frees the slot closes the descriptor, so it is closed once and
-    // never after its number has gone to a newer client.
-    shutdown(fd0, SHUT_RDWR);
-    if (remove_child_by_fd(fd0)) close(fd0);
     ZLOG_INFO(" Re-connect Addr %X,#connfd=%d \n", peer_addr, new_fd);
   }
 }
@@ -75,6 +80,7 @@ bool add_child(uint32_t addr, uint32_t port, int fd) {
   relaxed_store(c.ucast_port, CHILD_UCAST_PORT);
   relaxed_store(c.cmd_enabled, 0);
   relaxed_store(c.unsol_enabled, 0);
+  slot_taken[slot] = false;
   ZLOG_INFO("new child #%d: Addr %X:%d fd %d mid %X\n", slot, addr, port, fd, CHILD_MID);
   relaxed_store(*childs_count, *childs_count + 1);
 
@@ -86,6 +92,11 @@ bool add_child(uint32_t addr, uint32_t port, int fd) {
   }
   relaxed_store(c.tid, static_cast<uint32_t>(tid));
   pthread_detach(tid);
+  for (int waited = 0; !slot_taken[slot] && waited < SLOT_TAKE_WAIT_MS; ++waited) {
+    pthread_mutex_unlock(&childs_mtx);
+    usleep(1000);
+    pthread_mutex_lock(&childs_mtx);
+  }
   return true;
 }
 
@@ -174,9 +185,10 @@ void* zor_listener_handler(void* arg) {
   {
     MutexLock lock(childs_mtx);
     me = childs[slot];
+    slot_taken[slot] = true;
   }
   ZLOG_INFO("%s entry\n", HANDLER);
-  // Dropped by the reconnect rule before this thread got to its slot.
+  // The listener gave up waiting and the slot was dropped meanwhile.
   if (me.mid != CHILD_MID) {
     ZLOG_INFO("%s EXIT %d\n", HANDLER, slot);
     pthread_exit(reinterpret_cast<void*>(1));
@@ -235,10 +247,11 @@ void* zor_listener_handler(void* arg) {
     (void)ignored;
     memset(line, 0, sizeof line);
   }
-  // Free the slot before closing (once closed, the number may go to a new
-  // client, whose slot must not be the one freed), and close only if this
-  // thread freed it: the reconnect rule may have done both already.
-  if (remove_child_by_fd(me.connfd)) close(me.connfd);
+  // Free the slot before closing: once closed, the number may go to a new
+  // client, whose slot must not be the one freed. (The reconnect rule may
+  // have freed it already; then nothing is found.)
+  remove_child_by_fd(me.connfd);
+  close(me.connfd);
   ZLOG_INFO("%s EXIT %d\n", HANDLER, slot);
   pthread_exit(reinterpret_cast<void*>(status));
 }
