@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <ctime>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -144,6 +145,14 @@ bool read_into(int fd, std::string& text, const std::string* wanted, int timeout
 
 }  // namespace
 
+std::string read_available(int fd) {
+  std::string out;
+  char buf[512];
+  ssize_t n;
+  while ((n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0) out.append(buf, static_cast<size_t>(n));
+  return out;
+}
+
 std::string read_until_eof(int fd, int timeout_ms) {
   std::string text;
   read_into(fd, text, nullptr, timeout_ms);
@@ -239,17 +248,24 @@ bool wait_gone(pid_t pid, int timeout_ms) {
 }
 
 int free_tcp_port() {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof addr;
-  int port = -1;
-  if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
-    port = ntohs(addr.sin_port);
-  close(fd);
-  return port;
+  // Below the ephemeral range, so that no client connection of a test running
+  // beside this one holds the number as its local port; bound the way the
+  // daemon binds, to see that it is free.
+  static unsigned seed = static_cast<unsigned>(getpid()) * 2654435761u ^ static_cast<unsigned>(time(nullptr));
+  for (int attempt = 0; attempt < 200; ++attempt) {
+    int port = 20000 + static_cast<int>(rand_r(&seed) % 12000);
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_ANY);
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    bool free = bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    close(fd);
+    if (free) return port;
+  }
+  return -1;
 }
 
 }  // namespace zt

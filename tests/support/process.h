@@ -44,6 +44,9 @@ Child spawn(const std::vector<std::string>& argv, const std::vector<std::string>
 // Waits for the child to end; false when it has not ended in time.
 bool wait_exit(pid_t pid, int* status, int timeout_ms);
 
+// What fd holds now, without waiting (for writers that are done when they return).
+std::string read_available(int fd);
+
 // Reads fd until end of file or the time is up.
 std::string read_until_eof(int fd, int timeout_ms);
 // Reads fd until the text has arrived (true) or the time is up or the peer
@@ -61,7 +64,7 @@ std::vector<pid_t> pids_with_env(const std::string& entry);
 // Waits until the process is gone (for processes that are not our children).
 bool wait_gone(pid_t pid, int timeout_ms);
 
-// A loopback TCP port that was free a moment ago.
+// A TCP port below the ephemeral range that was free a moment ago.
 int free_tcp_port();
 
 // Waits until the condition holds; false when the time is up first.
