@@ -1,10 +1,37 @@
 #include "embms/lte_reg_thread.h"
 
-#include "core/block.h"
-#include "core/log.h"
+#include <unistd.h>
 
-// Placeholder: asks the modem nothing yet.
+#include <cstring>
+
+#include "atserver/atsw_link.h"
+#include "core/log.h"
+#include "core/relaxed.h"
+#include "embms/cell_query.h"
+
+int32_t last_event_num = -1;
+
 void* initial_LTE_reg_thread(void*) {
-  ZLOG_INFO("%s entry\n", "initial_LTE_reg_thread");
-  block_for_good();
+  const char* name = "initial_LTE_reg_thread";
+  // No limit: the link comes up when the command server has its client. A
+  // failed connect leaves its (positive) descriptor behind, which ends the wait.
+  do {
+    sleep(1);
+  } while (relaxed_load(cmd_atsw_fd) <= 0);
+  ZLOG_INFO("%s:start LTE Reg status\n", name);
+
+  char answer[2 * ATSW_TEXT_SIZE + 1] = {};  // the most the link can hand back
+  int status = 0;
+  zorSrv_sendATCmdToAtSwitch("AT+CEREG?\n\r", &status, answer, sizeof answer);
+  if (status != 0) {
+    ZLOG_INFO("%s:AT+CEREG? return is not ok [%d]\n", name, status);
+    status = 0;
+    memset(answer, 0, sizeof answer);
+    usleep(500000);
+    zorSrv_sendATCmdToAtSwitch("AT+CEREG?\n\r", &status, answer, sizeof answer);
+  }
+  Registration reg = scan_registration(answer);  // fields counted, not acted on
+  ZLOG_INFO("%s:Registration stat is %d\n", name, reg.stat);
+  relaxed_store(last_event_num, static_cast<int32_t>(reg.stat));
+  return nullptr;
 }

@@ -1,0 +1,20 @@
+// The handlers of the daemon's own commands, called by the grammar on the
+// command server thread: AT+CEVVMEV=<event>, AT+CEVVMEV? and AT+CEVVMCMD?.
+#pragma once
+
+#include <cstddef>
+
+// Queries the serving cell and the WAN addresses and, when either changed
+// (or not registered), sends +CEVVMEV:cell,duplex,changed to the
+// subscribers. Always ends with exactly one OK.
+int zorSrv_HandleSetCEVVMEV(int event);
+// +CEVVMEV:cell,duplex with AOK.
+int zorSrv_HandleReadCEVVMEV();
+// +CEVVMCMD:imsi,cell,duplex with OK.
+int zorSrv_HandleReadCEVVMCMD();
+
+// One write of the text to the dispatcher's unsolicited socket pair.
+int zorSrv_SendUnsol(const char* text);
+// The first line of "uci get KEY" less its newline into out (out_size bytes,
+// cleared by the caller). -1 when the command cannot be run.
+int zorSrv_UciGet(const char* key, char* out, size_t out_size);
