@@ -25,6 +25,10 @@ build/default/tools/atsw-sim/atsw-sim <"$root/sim.ctl" >"$root/sim.out" 2>"$root
 sim_pid=$!
 exec 3>"$root/sim.ctl"
 echo "wan4 192.0.2.10" >&3
+for _ in $(seq 100); do
+  [ -S "$root/tmp/atsw12" ] && break
+  sleep 0.1
+done
 
 echo "== zord with ZORD_ROOT=$ZORD_ROOT ZORD_PORT=$ZORD_PORT, atsw-sim beside it"
 build/default/core/zord &
