@@ -16,6 +16,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -26,6 +27,7 @@ namespace {
 
 int exit_pipe[2] = {-1, -1};
 pthread_t exit_thread;
+std::atomic<bool> ending{false};  // set once the process has begun to end
 
 // The thread that ends the process waits at most this long for a log entry in
 // progress; past it the faulting thread must be holding the lock itself.
@@ -44,6 +46,7 @@ void format_signal_message(char* out, size_t size, int signal_number) {
 }
 
 [[noreturn]] void end_process(int signal_number) {
+  ending.store(true, std::memory_order_relaxed);
   char message[128];
   format_signal_message(message, sizeof message, signal_number);
   if (log_close_for_exit(LOG_LOCK_WAIT_MS)) {
@@ -76,17 +79,16 @@ void* signal_exit_thread(void*) {
 }
 
 // The pipe and the thread that reads it, made before any handler is installed.
-// Signals are blocked in that thread, so it is never the one interrupted.
+// The thread takes signals like any other: one that lands on it is written to
+// the pipe and read back by the thread itself. (Blocking signals there would
+// not keep them away under an emulator that leaves a process signal pending
+// on whichever thread it first picked.)
 bool start_exit_thread() {
   if (pipe2(exit_pipe, O_CLOEXEC | O_NONBLOCK) != 0) return false;
   int flags = fcntl(exit_pipe[0], F_GETFL);
   fcntl(exit_pipe[0], F_SETFL, flags & ~O_NONBLOCK);
 
-  sigset_t all, old;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &old);
   int rc = pthread_create(&exit_thread, nullptr, signal_exit_thread, nullptr);
-  pthread_sigmask(SIG_SETMASK, &old, nullptr);
   if (rc != 0) {
     close(exit_pipe[0]);
     close(exit_pipe[1]);
@@ -109,13 +111,15 @@ int daemonize(const char* program_name) {
 void signal_handler(int signal_number) {
   // No thread to hand over to: end the process from here.
   if (exit_pipe[1] < 0) end_process(signal_number);
+  bool on_exit_thread = pthread_equal(pthread_self(), exit_thread);
   // A fault while the process is already ending: the entry is written.
-  if (pthread_equal(pthread_self(), exit_thread)) _exit(0);
+  if (on_exit_thread && ending.load(std::memory_order_relaxed)) _exit(0);
   int saved_errno = errno;
   ssize_t ignored = write(exit_pipe[1], &signal_number, sizeof signal_number);
   (void)ignored;
   errno = saved_errno;
-  if (parks_thread(signal_number))
+  // The exit thread itself goes back to its read and finds the number.
+  if (parks_thread(signal_number) && !on_exit_thread)
     for (;;) pause();
 }
 
