@@ -22,6 +22,7 @@ std::string last_entry(const std::string& log) {
 // (0: the probe ends itself). Returns the exit status, -1 if it did not end.
 int run_probe(const zt::TempRoot& root, const char* mode, int signal_number) {
   zt::Child child = zt::spawn({LOG_SIGNAL_PROBE_BIN, root.log_path(), mode}, {}, true);
+  zt::KillOnExit guard(child.pid);
   EXPECT_TRUE(zt::read_until(child.out_fd, "ready\n", WAIT_MS)) << mode;
   if (signal_number != 0) kill(child.pid, signal_number);
   int status = -1;

@@ -37,6 +37,7 @@ TEST(Daemon, StartsInOrderAndEndsOnEachSignalWithStatusZero) {
     std::vector<std::string> argv = {ZORD_BIN};
     argv.insert(argv.end(), row.options.begin(), row.options.end());
     zt::Child child = zt::spawn(argv, seams(root));
+    zt::KillOnExit guard(child.pid);
     ASSERT_TRUE(zt::wait_for_text(root.log_path(), STARTED, WAIT_MS)) << row.entry;
 
     std::string log = zt::without_time_text(zt::read_file(root.log_path()));
@@ -72,6 +73,7 @@ TEST(Daemon, DetachesWithDashD) {
   ASSERT_TRUE(zt::wait_for_text(root.log_path(), STARTED, WAIT_MS));
   std::vector<pid_t> daemons = zt::pids_with_env(env[0]);
   ASSERT_EQ(daemons.size(), 1u);
+  zt::KillOnExit guard(daemons[0]);
   EXPECT_NE(daemons[0], launcher.pid);
   kill(daemons[0], SIGTERM);
   EXPECT_TRUE(zt::wait_gone(daemons[0], WAIT_MS));

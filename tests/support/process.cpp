@@ -97,12 +97,12 @@ Child spawn(const std::vector<std::string>& argv, const std::vector<std::string>
   Child child;
   child.pid = fork();
   if (child.pid == 0) {
-    int null = open("/dev/null", O_RDONLY);
+    // Output not captured goes nowhere: a program left running must not hold
+    // the test runner's output open.
+    int null = open("/dev/null", O_RDWR);
     dup2(null, 0);
-    if (capture) {
-      dup2(out[1], 1);
-      dup2(err[1], 2);
-    }
+    dup2(capture ? out[1] : null, 1);
+    dup2(capture ? err[1] : null, 2);
     execvpe(args[0], args.data(), envp.data());  // the emulator is found through PATH
     _exit(127);
   }
@@ -241,6 +241,13 @@ static bool ended(pid_t pid) {
   std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
   size_t paren = stat.rfind(')');
   return paren == std::string::npos || stat.compare(paren, 3, ") Z") == 0;
+}
+
+KillOnExit::~KillOnExit() {
+  if (pid_ <= 0 || kill(pid_, 0) != 0) return;
+  kill(pid_, SIGKILL);
+  int status = 0;
+  waitpid(pid_, &status, 0);
 }
 
 bool wait_gone(pid_t pid, int timeout_ms) {

@@ -41,6 +41,19 @@ struct Child {
 Child spawn(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
             bool capture = false);
 
+// Ends a started program that a test leaves running (a failed assertion
+// returns early), so that nothing outlives the test.
+class KillOnExit {
+ public:
+  explicit KillOnExit(pid_t pid) : pid_(pid) {}
+  ~KillOnExit();
+  KillOnExit(const KillOnExit&) = delete;
+  KillOnExit& operator=(const KillOnExit&) = delete;
+
+ private:
+  pid_t pid_;
+};
+
 // Waits for the child to end; false when it has not ended in time.
 bool wait_exit(pid_t pid, int* status, int timeout_ms);
 
