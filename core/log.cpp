@@ -58,20 +58,6 @@ void write_entry_v(bool error, const char* fmt, va_list ap) {
   fflush(logfile);
 }
 
-// One entry whose message is written as data, never as a format.
-void write_entry_data(bool error, const char* text, size_t len) {
-  if (logfile == nullptr) {
-    size_t before = pending_len;
-    hold_pending("%s %s%.*s", __current_time(), error ? "err: " : "", static_cast<int>(len), text);
-    if (pending_len >= sizeof pending) pending_len = before;
-    return;
-  }
-  fprintf(logfile, "%s ", __current_time());
-  if (error) fwrite("err: ", 1, 5, logfile);
-  fwrite(text, 1, len, logfile);
-  fflush(logfile);
-}
-
 }  // namespace
 
 void log_entry(bool error, const char* fmt, ...) {
@@ -157,7 +143,7 @@ struct AtDump {
   void write_out() {
     if (app_env >= level && !entries_closed.load(std::memory_order_relaxed)) {
       MutexLock lock(log_mtx);
-      write_entry_data(level == 0, buf, pos);
+      log_entry_locked(level == 0, "%.*s", static_cast<int>(pos), buf);
     }
     pos = 0;
     buf[0] = '\0';

@@ -1,5 +1,7 @@
 #include "embms/cell_query.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -25,6 +27,18 @@ void place(char* dst, const char* piece, size_t width) {
 }
 
 }  // namespace
+
+void ask_registration(const char* name, char* answer, size_t size, bool retry) {
+  int status = 0;
+  memset(answer, 0, size);
+  zorSrv_sendATCmdToAtSwitch("AT+CEREG?\n\r", &status, answer, size);
+  if (!retry || status == 0) return;
+  ZLOG_INFO("%s:AT+CEREG? return is not ok [%d]\n", name, status);
+  status = 0;
+  memset(answer, 0, size);
+  usleep(500000);
+  zorSrv_sendATCmdToAtSwitch("AT+CEREG?\n\r", &status, answer, size);  // its status is not looked at
+}
 
 Registration scan_registration(const char* answer) {
   Registration reg;

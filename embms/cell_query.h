@@ -19,6 +19,10 @@ struct Registration {
   int act = 0;
 };
 
+// Sends AT+CEREG? into answer (cleared first). With `retry`, an answer that
+// did not end in OK is asked for once more after 500 ms.
+void ask_registration(const char* name, char* answer, size_t size, bool retry);
+
 // Scans an answer with "%[^:]: %d, %d, %[^,], %[^,], %d\n".
 Registration scan_registration(const char* answer);
 

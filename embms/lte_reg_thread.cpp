@@ -2,8 +2,6 @@
 
 #include <unistd.h>
 
-#include <cstring>
-
 #include "atserver/atsw_link.h"
 #include "core/log.h"
 #include "core/relaxed.h"
@@ -20,16 +18,8 @@ void* initial_LTE_reg_thread(void*) {
   } while (relaxed_load(cmd_atsw_fd) <= 0);
   ZLOG_INFO("%s:start LTE Reg status\n", name);
 
-  char answer[2 * ATSW_TEXT_SIZE + 1] = {};  // the most the link can hand back
-  int status = 0;
-  zorSrv_sendATCmdToAtSwitch("AT+CEREG?\n\r", &status, answer, sizeof answer);
-  if (status != 0) {
-    ZLOG_INFO("%s:AT+CEREG? return is not ok [%d]\n", name, status);
-    status = 0;
-    memset(answer, 0, sizeof answer);
-    usleep(500000);
-    zorSrv_sendATCmdToAtSwitch("AT+CEREG?\n\r", &status, answer, sizeof answer);
-  }
+  char answer[2 * ATSW_TEXT_SIZE + 1];  // the most the link can hand back
+  ask_registration(name, answer, sizeof answer, true);
   Registration reg = scan_registration(answer);  // fields counted, not acted on
   ZLOG_INFO("%s:Registration stat is %d\n", name, reg.stat);
   relaxed_store(last_event_num, static_cast<int32_t>(reg.stat));

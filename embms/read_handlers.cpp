@@ -27,8 +27,7 @@ bool registered_cell(const char* name, char* answer, const Registration& reg, ch
 }
 
 Registration query_registration(const char* name, char* answer) {
-  int status = 0;
-  zorSrv_sendATCmdToAtSwitch("AT+CEREG?\n\r", &status, answer, ANSWER_SIZE);
+  ask_registration(name, answer, ANSWER_SIZE, false);  // no retry here
   Registration reg = scan_registration(answer);
   log_registration(name, reg);
   return reg;
@@ -73,7 +72,6 @@ int zorSrv_HandleReadCEVVMCMD() {
   snprintf(imsi, sizeof imsi, "%s", run.data());
   ZLOG_INFO("get imsi from USIM %s\n", imsi);
 
-  memset(answer, 0, sizeof answer);
   Registration reg = query_registration(name, answer);
   if (reg.fields < 4 || !is_registered(reg.stat)) {
     snprintf(text, sizeof text, "%s:%s,%s,%s", "+CEVVMCMD", imsi, "NULL", "NULL");

@@ -45,11 +45,21 @@ int wan_addresses_changed() {
   return changed;
 }
 
-int send_null_line() {
-  char line[64];
-  snprintf(line, sizeof line, "%s:%s,%s,%d\r\n", "+CEVVMEV", "NULL", "NULL", wan_addresses_changed());
+// The unsolicited line: +CEVVMEV:cell,duplex,changed and CR LF.
+void format_event_line(char* line, size_t size, const char* cell_id, const char* duplex, int changed) {
+  snprintf(line, size, "%s:%s,%s,%d\r\n", "+CEVVMEV", cell_id, duplex, changed);
+}
+
+void send_event_line(const char* line) {
   zorSrv_SendUnsol(line);
   ZLOG_INFO("##UNSOL send unsol[%s] \n", line);
+}
+
+// Without a registration the line is sent every time, with NULL fields.
+int send_null_line() {
+  char line[64];
+  format_event_line(line, sizeof line, "NULL", "NULL", wan_addresses_changed());
+  send_event_line(line);
   return zorSrv_SendResponse(RESULT_OK);
 }
 
@@ -84,20 +94,13 @@ int zorSrv_HandleSetCEVVMEV(int event) {
   ZLOG_INFO("%s entry\n", name);
   ZLOG_INFO("%s event=%d\n", name, event);
 
-  char answer[ANSWER_SIZE] = {};
-  int status = 0;
-  zorSrv_sendATCmdToAtSwitch("AT+CEREG?\n\r", &status, answer, sizeof answer);
-  if (status != 0) {  // one retry, in this handler only
-    ZLOG_INFO("%s:AT+CEREG? return is not ok [%d]\n", name, status);
-    status = 0;
-    memset(answer, 0, sizeof answer);
-    usleep(500000);
-    zorSrv_sendATCmdToAtSwitch("AT+CEREG?\n\r", &status, answer, sizeof answer);
-  }
+  char answer[ANSWER_SIZE];
+  ask_registration(name, answer, sizeof answer, true);  // the one handler that retries
   Registration reg = scan_registration(answer);
   log_registration(name, reg);
   if (reg.fields < 4 || !is_registered(reg.stat)) return send_null_line();
 
+  int status = 0;
   char plmn[7] = {};
   size_t plmn_length = 0;
   char duplex[4] = {};
@@ -108,11 +111,8 @@ int zorSrv_HandleSetCEVVMEV(int event) {
 
   int changed = wan_addresses_changed();
   char line[64];
-  snprintf(line, sizeof line, "%s:%s,%s,%d\r\n", "+CEVVMEV", cell_id, duplex, changed);
-  if (strcmp(cell_id, last_cell_id) != 0 || changed == 1) {
-    zorSrv_SendUnsol(line);
-    ZLOG_INFO("##UNSOL send unsol[%s] \n", line);
-  }
+  format_event_line(line, sizeof line, cell_id, duplex, changed);
+  if (strcmp(cell_id, last_cell_id) != 0 || changed == 1) send_event_line(line);
   // The characters only: a shorter identity leaves the tail of a longer old
   // one in place, and the next comparison sees it.
   memcpy(last_cell_id, cell_id, strlen(cell_id));
