@@ -169,7 +169,7 @@ TEST(AtswSim, PushesReportsOnTheUnsolicitedSocket) {
   Running s;
   int unsol = zt::connect_unix(s.root.path() + "/tmp/atsw12");
   ASSERT_GE(unsol, 0);
-  for (int i = 0; i < WAIT_MS / 5 && s.sim.unsol_connections() == 0; ++i) usleep(5000);
+  ASSERT_TRUE(zt::wait_until([&] { return s.sim.unsol_connections() == 1; }, WAIT_MS));
   struct Row {
     std::string control;
     std::string report;
