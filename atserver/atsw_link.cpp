@@ -61,8 +61,8 @@ int findSocketName(const char* role, char* path) {
 int zor_OpenSocketToAtSwitch(const char* purpose, const char* path, int* fd_out) {
   ZLOG_INFO("%s entry\n", "zor_OpenSocketToAtSwitch");
   int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  relaxed_store(*fd_out, fd);
   if (fd < 0) {
+    release_store(*fd_out, fd);
     perror("socket");
     return -1;
   }
@@ -70,7 +70,13 @@ int zor_OpenSocketToAtSwitch(const char* purpose, const char* path, int* fd_out)
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
   memcpy(addr.sun_path, path, strnlen(path, sizeof addr.sun_path));  // at most 108 characters
-  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0) {
+  // The descriptor is published once the connect is over, connected or not:
+  // the registration thread starts using it as soon as it sees it.
+  int connected = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+  int error = errno;
+  release_store(*fd_out, fd);
+  if (connected < 0) {
+    errno = error;
     perror("connect");
     return -1;  // the unconnected descriptor stays in *fd_out
   }

@@ -15,7 +15,7 @@ void* initial_LTE_reg_thread(void*) {
   // failed connect leaves its (positive) descriptor behind, which ends the wait.
   do {
     sleep(1);
-  } while (relaxed_load(cmd_atsw_fd) <= 0);
+  } while (acquire_load(cmd_atsw_fd) <= 0);
   ZLOG_INFO("%s:start LTE Reg status\n", name);
 
   char answer[2 * ATSW_TEXT_SIZE + 1];  // the most the link can hand back
