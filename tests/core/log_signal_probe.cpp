@@ -13,7 +13,6 @@
 #include <thread>
 #include <vector>
 
-#include "core/block.h"
 #include "core/log.h"
 #include "core/signals.h"
 
@@ -65,5 +64,5 @@ int main(int argc, char** argv) {
 
   if (strcmp(mode, "segv") == 0) std::thread(fault).detach();
   if (strcmp(mode, "abort") == 0) std::thread(abort).detach();
-  block_for_good();
+  for (;;) pause();  // until a signal ends the process
 }
