@@ -52,9 +52,8 @@ TEST(Daemon, StartsInOrderAndEndsOnEachSignalWithStatusZero) {
                               "Create and wait for AT command thread listener start\n"})
       EXPECT_TRUE(zt::wait_for_text(root.log_path(), entry, WAIT_MS)) << entry;
 
-    kill(child.pid, row.signal_number);
     int status = -1;
-    ASSERT_TRUE(zt::wait_exit(child.pid, &status, WAIT_MS)) << row.entry;
+    ASSERT_TRUE(zt::end_by_signal(child.pid, row.signal_number, root.log_path(), &status, WAIT_MS)) << row.entry;
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << row.entry << " status " << status;
     log = zt::without_time_text(zt::read_file(root.log_path()));
     ASSERT_GE(log.size(), row.entry.size());
@@ -75,8 +74,7 @@ TEST(Daemon, DetachesWithDashD) {
   ASSERT_EQ(daemons.size(), 1u);
   zt::KillOnExit guard(daemons[0]);
   EXPECT_NE(daemons[0], launcher.pid);
-  kill(daemons[0], SIGTERM);
-  EXPECT_TRUE(zt::wait_gone(daemons[0], WAIT_MS));
+  EXPECT_TRUE(zt::end_by_signal(daemons[0], SIGTERM, root.log_path(), nullptr, WAIT_MS));
   EXPECT_TRUE(zt::wait_for_text(root.log_path(), "signal_number=15, so app is terminated!\n", WAIT_MS));
 }
 

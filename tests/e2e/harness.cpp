@@ -59,9 +59,8 @@ std::unique_ptr<Client> ZordHarness::client(const std::string& source) {
 
 int ZordHarness::signal_daemon(int signal_number, int timeout_ms) {
   if (zord_ <= 0) return -1;
-  kill(zord_, signal_number);
   int status = -1;
-  if (!wait_exit(zord_, &status, timeout_ms)) return -1;
+  if (!end_by_signal(zord_, signal_number, root_.log_path(), &status, timeout_ms)) return -1;
   zord_ = -1;
   return status;
 }

@@ -275,4 +275,14 @@ int free_tcp_port() {
   return -1;
 }
 
+bool end_by_signal(pid_t pid, int signal_number, const std::string& log_path, int* status, int timeout_ms) {
+  auto ended = [&](int ms) { return status != nullptr ? wait_exit(pid, status, ms) : wait_gone(pid, ms); };
+  constexpr int LOST_SIGNAL_MS = 5000;  // the daemon logs a signal within 2 s
+  kill(pid, signal_number);
+  if (launcher().empty()) return ended(timeout_ms);
+  if (ended(LOST_SIGNAL_MS)) return true;
+  if (read_file(log_path).find("signal_handler:") == std::string::npos) kill(pid, signal_number);
+  return ended(timeout_ms);
+}
+
 }  // namespace zt

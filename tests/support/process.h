@@ -77,6 +77,14 @@ std::vector<pid_t> pids_with_env(const std::string& entry);
 // Waits until the process is gone (for processes that are not our children).
 bool wait_gone(pid_t pid, int timeout_ms);
 
+// Sends the daemon a signal that ends it and waits for the end: its exit
+// status in *status for a child of ours, or, with status null, until it is
+// gone. Under the emulator a process signal that lands on a thread in the
+// middle of exiting can be lost (qemu-user queues it for that thread), so
+// there, when the daemon has neither ended nor logged the signal after a few
+// seconds, the signal goes once more. Natively it goes once.
+bool end_by_signal(pid_t pid, int signal_number, const std::string& log_path, int* status, int timeout_ms);
+
 // A TCP port below the ephemeral range that was free a moment ago.
 int free_tcp_port();
 
