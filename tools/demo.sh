@@ -74,10 +74,9 @@ echo "== zordctl identity"
 # The watcher comes from its own address: a new connection from the address
 # of the first client would drop it.
 echo "== zordctl --source 127.0.0.2 watch, while the modem changes cell, then loses service"
-"$zordctl" --source 127.0.0.2 watch >"$root/watch.out" &
+"$zordctl" --source 127.0.0.2 watch >"$root/watch.out" 2>"$root/watch.err" &
 watch_pid=$!
-wait_for "$log" "====get cmd: AT+CEVVMEV=1"
-sleep 0.5  # the subscription is stored just after that entry
+wait_for "$root/watch.err" "zordctl: watching"
 echo "cell 00C1 0BEEF001" >&3
 wait_for "$root/watch.out" "+CEVVMEV:"
 echo "deregister" >&3

@@ -184,7 +184,10 @@ TEST_F(ZordctlWithDaemon, WatchPrintsACellChangeAndEndsOnSigint) {
   zt::Child child =
       zt::spawn({ZORDCTL_BIN, "--port", std::to_string(port()), "--source", "127.0.0.7", "watch"}, {}, true);
   zt::KillOnExit guard(child.pid);
-  ASSERT_TRUE(wait_for_log("====get cmd: AT+CEVVMEV=1")) << "no subscription";
+  std::string err;
+  ASSERT_TRUE(zt::read_until(child.err_fd, "zordctl: watching 127.0.0.1:" + std::to_string(port()) + "\n",
+                             zt::WAIT_MS, &err))
+      << "no subscription: " << err;
   EXPECT_EQ(modem("cell 00C1 0BEEF001"), "ok\n");
 
   std::string out;

@@ -320,8 +320,10 @@ std::string clock_text() {
   return text;
 }
 
-int watch(Link& link) {
+int watch(Link& link, const std::string& where) {
   expect_ok(link, "AT+CEVVMEV=1");
+  // From here on every event reaches us: scripts wait for this line.
+  std::cerr << "zordctl: watching " << where << std::endl;
   for (std::string line;;) {
     if (link.next_line(-1, &line) == Got::LINE) {
       std::cout << clock_text() << line << std::endl;
@@ -346,7 +348,7 @@ int run(const Options& o) {
   Link link(o);
   if (o.command == "watch") link.watch_signals(true);
   expect_ok(link, "AT+CEVVMCMD=1");
-  if (o.command == "watch") return watch(link);
+  if (o.command == "watch") return watch(link, o.host + ":" + std::to_string(o.port));
   if (o.command == "cell") {
     std::cout << answer_line(ask(link, "AT+CEVVMEV?", "+CEVVMEV:"), "AT+CEVVMEV?", "+CEVVMEV:") << '\n';
   } else if (o.command == "identity") {
