@@ -2,19 +2,20 @@
 
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "atserver/atsw_link.h"
 #include "core/log.h"
 
 namespace {
 
-// Copies at most width characters of text into out (width + 1 bytes).
-void cut(const char* text, char* out, size_t width) {
-  size_t len = strnlen(text, width);
+// Copies at most width characters of text into out (width + 1 bytes), and
+// none past its first `length`.
+void cut(const char* text, char* out, size_t width, size_t length = SIZE_MAX) {
+  size_t len = strnlen(text, width < length ? width : length);
   memcpy(out, text, len);
   out[len] = '\0';
 }
@@ -41,14 +42,27 @@ void ask_registration(const char* name, char* answer, size_t size, bool retry) {
 }
 
 Registration scan_registration(const char* answer) {
+  // The format is "%[^:]: %d, %d, %[^,], %[^,], %d\n". The texts are not
+  // copied out: %n marks where each one ends (and the two fields begin), and
+  // the count of conversions is rebuilt from the marks, since suppressed
+  // conversions are not counted.
   Registration reg;
-  size_t room = strlen(answer) + 1;
-  std::vector<char> prefix(room), tac(room), ci(room);
-  reg.fields = sscanf(answer, "%[^:]: %d, %d, %[^,], %[^,], %d\n", prefix.data(), &reg.n, &reg.stat, tac.data(),
-                      ci.data(), &reg.act);
-  cut(prefix.data(), reg.prefix, sizeof reg.prefix - 1);
-  cut(tac.data(), reg.tac, sizeof reg.tac - 1);
-  cut(ci.data(), reg.ci, sizeof reg.ci - 1);
+  int prefix_end = -1, tac_begin = -1, tac_end = -1, ci_begin = -1, ci_end = -1;
+  int numbers = sscanf(answer, "%*[^:]%n: %d, %d, %n%*[^,]%n, %n%*[^,]%n, %d\n", &prefix_end, &reg.n, &reg.stat,
+                       &tac_begin, &tac_end, &ci_begin, &ci_end, &reg.act);
+  int texts = (prefix_end >= 0) + (tac_end >= 0) + (ci_end >= 0);
+  // EOF only when the answer ended before the first conversion of all.
+  reg.fields = (numbers < 0 && texts == 0) ? -1 : (numbers > 0 ? numbers : 0) + texts;
+  if (tac_end >= 0) {
+    reg.tac_whole = answer + tac_begin;
+    reg.tac_length = tac_end - tac_begin;
+    cut(reg.tac_whole, reg.tac, sizeof reg.tac - 1, static_cast<size_t>(reg.tac_length));
+  }
+  if (ci_end >= 0) {
+    reg.ci_whole = answer + ci_begin;
+    reg.ci_length = ci_end - ci_begin;
+    cut(reg.ci_whole, reg.ci, sizeof reg.ci - 1, static_cast<size_t>(reg.ci_length));
+  }
   return reg;
 }
 
@@ -90,7 +104,7 @@ void build_cell_id(const char* plmn, size_t plmn_length, const Registration& reg
 
 void log_registration(const char* name, const Registration& reg) {
   if (reg.fields < 4) ZLOG_INFO("%s:does not get CEREG\n", name);
-  else ZLOG_INFO("get Stat: %d, TAC: %s, ECI: %s\n", reg.stat, reg.tac, reg.ci);
+  else ZLOG_INFO("get Stat: %d, TAC: %.*s, ECI: %.*s\n", reg.stat, reg.tac_length, reg.tac_whole, reg.ci_length, reg.ci_whole);
 }
 
 bool query_plmn(const char* name, char* answer, int* status, char* plmn, size_t* plmn_length) {

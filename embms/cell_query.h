@@ -6,17 +6,20 @@
 
 constexpr size_t ANSWER_SIZE = 2048;
 
-// The fields of a registration answer, each cut to its width after a scan
-// that could hold the whole answer, so the count of conversions is the one
-// an unbounded scan of the same answer gives.
+// The fields of a registration answer. tac and ci are also kept whole, as
+// places in the scanned answer, for the log entry; the cut copies feed the
+// cell identity text.
 struct Registration {
   int fields = 0;  // conversions made (fewer than 4: no registration answer)
-  char prefix[64] = {};
   int n = 0;
   int stat = 0;
   char tac[5] = {};  // as between the commas, quotes included
   char ci[9] = {};
   int act = 0;
+  const char* tac_whole = "";  // in the answer; valid while it is
+  int tac_length = 0;
+  const char* ci_whole = "";
+  int ci_length = 0;
 };
 
 // Sends AT+CEREG? into answer (cleared first). With `retry`, an answer that

@@ -22,11 +22,10 @@
 
 namespace {
 
-// Set by a client thread once it has taken its slot; guarded by childs_mtx.
-// The listener lets each new thread take its slot before it accepts again, so
-// a slot never changes under a thread that has not read it yet.
-bool slot_taken[MAX_CHILDS];
-constexpr int SLOT_TAKE_WAIT_MS = 5000;
+// True from the start of a client thread until it has read its slot; guarded
+// by childs_mtx. Such a slot is not given to another client, so a thread
+// always reads the slot it was started for, or finds it dropped.
+bool slot_pending[MAX_CHILDS];
 
 // A new connection from the address of the client in slot 0 replaces that
 // client. Only slot 0 is looked at, ten times over, as the daemon always did.
@@ -35,12 +34,15 @@ void drop_slot0_on_reconnect(uint32_t peer_addr, int new_fd) {
     {
       MutexLock lock(childs_mtx);
       if (childs[0].addr != peer_addr) continue;
-      // The client's thread owns the descriptor: the shutdown ends its
-      // receive, and it closes the descriptor itself. Closing it here could
-      // hand its number to a new client while the old thread still reads it.
       int fd0 = childs[0].connfd;
       shutdown(fd0, SHUT_RDWR);
       remove_child_by_fd_locked(fd0);
+      // Each descriptor is closed once, by whoever holds it. A running
+      // client thread does: the shutdown ends its receive. Closing it here
+      // would free the number for a new client while that thread still
+      // reads and writes it. A thread that has not read its slot yet finds
+      // it dropped and leaves the descriptor alone, so it is closed here.
+      if (slot_pending[0]) close(fd0);
     }
     ZLOG_INFO(" Re-connect Addr %X,#connfd=%d \n", peer_addr, new_fd);
   }
@@ -70,7 +72,7 @@ bool set_keepalive(int fd) {
 bool add_child(uint32_t addr, uint32_t port, int fd) {
   MutexLock lock(childs_mtx);
   int slot = 0;
-  while (slot < MAX_CHILDS && childs[slot].connfd != 0) ++slot;
+  while (slot < MAX_CHILDS && (childs[slot].connfd != 0 || slot_pending[slot])) ++slot;
   if (slot == MAX_CHILDS) return false;
   ChildEntry& c = childs[slot];
   relaxed_store(c.mid, CHILD_MID);
@@ -80,7 +82,6 @@ bool add_child(uint32_t addr, uint32_t port, int fd) {
   relaxed_store(c.ucast_port, CHILD_UCAST_PORT);
   relaxed_store(c.cmd_enabled, 0);
   relaxed_store(c.unsol_enabled, 0);
-  slot_taken[slot] = false;
   ZLOG_INFO("new child #%d: Addr %X:%d fd %d mid %X\n", slot, addr, port, fd, CHILD_MID);
   relaxed_store(*childs_count, *childs_count + 1);
 
@@ -90,13 +91,9 @@ bool add_child(uint32_t addr, uint32_t port, int fd) {
     ZLOG_INFO("ERROR: on pthread create for new connection (%d) %s \n", fd, strerror(rc));
     return true;  // the slot and the count stay as they are
   }
+  slot_pending[slot] = true;
   relaxed_store(c.tid, static_cast<uint32_t>(tid));
   pthread_detach(tid);
-  for (int waited = 0; !slot_taken[slot] && waited < SLOT_TAKE_WAIT_MS; ++waited) {
-    pthread_mutex_unlock(&childs_mtx);
-    usleep(1000);
-    pthread_mutex_lock(&childs_mtx);
-  }
   return true;
 }
 
@@ -185,11 +182,12 @@ void* zor_listener_handler(void* arg) {
   {
     MutexLock lock(childs_mtx);
     me = childs[slot];
-    slot_taken[slot] = true;
+    slot_pending[slot] = false;
   }
   ZLOG_INFO("%s entry\n", HANDLER);
-  // The listener gave up waiting and the slot was dropped meanwhile.
-  if (me.mid != CHILD_MID) {
+  // Dropped under the reconnect rule before this thread started: the
+  // listener has closed the descriptor.
+  if (me.connfd == 0) {
     ZLOG_INFO("%s EXIT %d\n", HANDLER, slot);
     pthread_exit(reinterpret_cast<void*>(1));
   }

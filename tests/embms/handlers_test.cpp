@@ -210,14 +210,34 @@ TEST_F(Handlers, SurviveAnswersOfAnyShape) {
   }
 }
 
-TEST(CellQuery, ScansStayWithinTheirFields) {
-  Registration reg = scan_registration("\r\n+CEREG: 2,5,\"ABCDEFGH\",\"0123456789ABCDEF\",7\r\n");
-  EXPECT_EQ(reg.fields, 6);
-  EXPECT_EQ(reg.stat, 5);
-  EXPECT_STREQ(reg.tac, "\"ABC");
-  EXPECT_STREQ(reg.ci, "\"0123456");
-  EXPECT_EQ(scan_registration("no colon here").fields, 1);
-  EXPECT_EQ(scan_registration("").fields, -1);
+TEST_F(Handlers, ScanTheRegistrationAnswerAndLogItsFieldsWhole) {
+  struct Row {
+    std::string answer;
+    int fields;
+    const char* tac;  // cut for the cell identity
+    const char* ci;
+    std::string entry;  // "" for none
+  } rows[] = {
+      {"\r\n+CEREG: 2,1,\"1A2B\",\"01A2B3C4\",7\r\n", 6, "\"1A2", "\"01A2B3C",
+       "get Stat: 1, TAC: \"1A2B\", ECI: \"01A2B3C4\"\n"},
+      {"+CEREG: 2,5,1A2B,01A2B3C4,7\r\n", 6, "1A2B", "01A2B3C4", "get Stat: 5, TAC: 1A2B, ECI: 01A2B3C4\n"},
+      {"\r\n+CEREG: 2,5,\"ABCDEFGH\",\"0123456789ABCDEF\",7\r\n", 6, "\"ABC", "\"0123456",
+       "get Stat: 5, TAC: \"ABCDEFGH\", ECI: \"0123456789ABCDEF\"\n"},
+      {"+CEREG: 2,1,\"1A2B\"\r\n", 4, "\"1A2", "", "get Stat: 1, TAC: \"1A2B\"\r\n, ECI: \n"},
+      {"+CEREG: 0,1\r\n", 3, "", "", "x:does not get CEREG\n"},
+      {"no colon here", 1, "", "", "x:does not get CEREG\n"},
+      {":", 0, "", "", "x:does not get CEREG\n"},
+      {"", -1, "", "", "x:does not get CEREG\n"},
+  };
+  for (const Row& row : rows) {
+    Registration reg = scan_registration(row.answer.c_str());
+    EXPECT_EQ(reg.fields, row.fields) << row.answer;
+    EXPECT_STREQ(reg.tac, row.tac) << row.answer;
+    EXPECT_STREQ(reg.ci, row.ci) << row.answer;
+    size_t before = zt::count_of(log(), row.entry);
+    log_registration("x", reg);
+    EXPECT_EQ(zt::count_of(log(), row.entry), before + 1) << row.answer;
+  }
 
   char plmn[7];
   size_t length = 0;

@@ -1,6 +1,7 @@
 // The client listener and client threads over real loopback TCP, each test
 // client from its own source address.
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pthread.h>
@@ -169,6 +170,31 @@ TEST_F(Listener, ANewConnectionFromTheSlotZeroAddressDropsThatClientOnly) {
   auto second_again = client(3);
   EXPECT_EQ(second->request("AT+CEVVMCMD=1\r\n", "OK\r\n"), "OK\r\n");  // not dropped
   EXPECT_EQ(again->request("AT+CEVVMCMD=1\r\n", "OK\r\n"), "OK\r\n");
+}
+
+// Slot 0's address connecting again and again, each time before the last
+// connection is closed and often before the thread of the connection it
+// replaces has started: every accepted descriptor is closed exactly once.
+TEST_F(Listener, AReconnectStormLeavesTheDescriptorCountWhereItWas) {
+  auto open_descriptors = [] {
+    DIR* dir = opendir("/proc/self/fd");
+    int count = 0;
+    while (readdir(dir) != nullptr) ++count;
+    closedir(dir);
+    return count;
+  };
+  const int before = open_descriptors();
+  // In bursts of five, no more than the listener's backlog holds.
+  for (int burst = 0; burst < 40; ++burst) {
+    std::vector<std::unique_ptr<zt::Client>> clients;
+    for (int i = 0; i < 4; ++i) clients.push_back(std::make_unique<zt::Client>(port_, "127.0.0.2"));
+    clients.push_back(client(2));
+  }
+  EXPECT_TRUE(zt::wait_until([&] { return relaxed_load(*childs_count) == 0 && open_descriptors() == before; },
+                             zt::WAIT_MS))
+      << open_descriptors() - before << " more descriptors, " << relaxed_load(*childs_count) << " clients";
+  // The listener still serves.
+  EXPECT_EQ(client(3)->request("AT+CEVVMCMD=1\r\n", "OK\r\n"), "OK\r\n");
 }
 
 TEST_F(Listener, AClientThatClosesFreesItsSlotAndLogsItsLife) {
