@@ -22,10 +22,22 @@
 
 namespace {
 
-// True from the start of a client thread until it has read its slot; guarded
-// by childs_mtx. Such a slot is not given to another client, so a thread
-// always reads the slot it was started for, or finds it dropped.
-bool slot_pending[MAX_CHILDS];
+// Guarded by childs_mtx. A slot's generation changes whenever it is filled,
+// and when it is dropped before its thread has read it; a client thread
+// is started with its slot and that slot's generation, so a thread that
+// starts late never takes a later client's slot for its own. pending: the
+// slot's thread has not read it yet.
+struct SlotStart {
+  uint32_t generation;
+  bool pending;
+};
+SlotStart slot_start[MAX_CHILDS];
+
+// The thread's one argument: its slot, and the generation in the bits above
+// (as many as a pointer has left on the 32-bit target).
+constexpr int SLOT_BITS = 4;
+static_assert(MAX_CHILDS <= 1 << SLOT_BITS);
+uint32_t next_generation(uint32_t generation) { return (generation + 1) & (UINT32_MAX >> SLOT_BITS); }
 
 // A new connection from the address of the client in slot 0 replaces that
 // client. Only slot 0 is looked at, ten times over, as the daemon always did.
@@ -41,8 +53,12 @@ void drop_slot0_on_reconnect(uint32_t peer_addr, int new_fd) {
       // client thread does: the shutdown ends its receive. Closing it here
       // would free the number for a new client while that thread still
       // reads and writes it. A thread that has not read its slot yet finds
-      // it dropped and leaves the descriptor alone, so it is closed here.
-      if (slot_pending[0]) close(fd0);
+      // its generation gone and leaves the descriptor alone, so it is
+      // closed here.
+      if (slot_start[0].pending) {
+        close(fd0);
+        slot_start[0] = {next_generation(slot_start[0].generation), false};
+      }
     }
     ZLOG_INFO(" Re-connect Addr %X,#connfd=%d \n", peer_addr, new_fd);
   }
@@ -72,7 +88,7 @@ bool set_keepalive(int fd) {
 bool add_child(uint32_t addr, uint32_t port, int fd) {
   MutexLock lock(childs_mtx);
   int slot = 0;
-  while (slot < MAX_CHILDS && (childs[slot].connfd != 0 || slot_pending[slot])) ++slot;
+  while (slot < MAX_CHILDS && childs[slot].connfd != 0) ++slot;
   if (slot == MAX_CHILDS) return false;
   ChildEntry& c = childs[slot];
   relaxed_store(c.mid, CHILD_MID);
@@ -86,12 +102,16 @@ bool add_child(uint32_t addr, uint32_t port, int fd) {
   relaxed_store(*childs_count, *childs_count + 1);
 
   pthread_t tid;
-  int rc = pthread_create(&tid, nullptr, zor_listener_handler, reinterpret_cast<void*>(static_cast<intptr_t>(slot)));
+  // Pending from here: a thread that never starts leaves its descriptor to
+  // the reconnect rule to close.
+  uint32_t generation = next_generation(slot_start[slot].generation);
+  slot_start[slot] = {generation, true};
+  uintptr_t arg = (static_cast<uintptr_t>(generation) << SLOT_BITS) | static_cast<uintptr_t>(slot);
+  int rc = pthread_create(&tid, nullptr, zor_listener_handler, reinterpret_cast<void*>(arg));
   if (rc != 0) {
     ZLOG_INFO("ERROR: on pthread create for new connection (%d) %s \n", fd, strerror(rc));
     return true;  // the slot and the count stay as they are
   }
-  slot_pending[slot] = true;
   relaxed_store(c.tid, static_cast<uint32_t>(tid));
   pthread_detach(tid);
   return true;
@@ -177,17 +197,23 @@ void hand_over(const ChildEntry& me, const char* line) {
 }  // namespace
 
 void* zor_listener_handler(void* arg) {
-  const int slot = static_cast<int>(reinterpret_cast<intptr_t>(arg));
-  ChildEntry me;
+  const auto started = reinterpret_cast<uintptr_t>(arg);
+  const int slot = static_cast<int>(started & ((1u << SLOT_BITS) - 1));
+  const auto generation = static_cast<uint32_t>(started >> SLOT_BITS);
+  ChildEntry me{};
+  bool mine = false;
   {
     MutexLock lock(childs_mtx);
-    me = childs[slot];
-    slot_pending[slot] = false;
+    mine = slot_start[slot].generation == generation;
+    if (mine) {
+      me = childs[slot];
+      slot_start[slot].pending = false;
+    }
   }
   ZLOG_INFO("%s entry\n", HANDLER);
-  // Dropped under the reconnect rule before this thread started: the
-  // listener has closed the descriptor.
-  if (me.connfd == 0) {
+  // Dropped under the reconnect rule before this thread started (the slot
+  // may hold a newer client by now): the listener has closed the descriptor.
+  if (!mine) {
     ZLOG_INFO("%s EXIT %d\n", HANDLER, slot);
     pthread_exit(reinterpret_cast<void*>(1));
   }
