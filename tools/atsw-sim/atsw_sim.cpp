@@ -361,6 +361,11 @@ struct Simulator::Impl {
       for (const auto& r : record) out += std::to_string(r.connection) + " " + escape(r.text) + "\n";
       return out + "ok\n";
     }
+    if (cmd == "bytes") {
+      int connection = 0;
+      std::string r = number(&connection, 1, 9999);
+      return r == "ok\n" ? escape(bytes_in[connection]) + "\nok\n" : r;
+    }
     if (cmd == "sessions") {
       std::string out;
       for (const auto& s : sessions) out += std::string(s.activate ? "ACTIVATE " : "DEACTIVATE ") + s.args + "\n";
@@ -550,6 +555,7 @@ std::string Simulator::help() {
          "wan4 ADDR|none            WAN IPv4 address for the fake uci\n"
          "wan6 ADDR|none            WAN IPv6 address for the fake uci\n"
          "record                    commands received: connection and text\n"
+         "bytes N                   what command connection N received, byte for byte, escaped\n"
          "sessions                  AT%MBMSCMD activations and deactivations\n";
 }
 
