@@ -4,9 +4,11 @@
 // client table.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -123,6 +125,14 @@ TEST_F(Listener, TakesTenClientsAndClosesTheEleventh) {
   zt::Client eleventh(port_, "127.0.0.12");
   EXPECT_TRUE(eleventh.connected() && eleventh.closed_by_peer());
   EXPECT_EQ(clients[9]->request(ON, OK), OK);
+  // Each served socket probes an idle peer: after 10 s, 3 times, 10 s apart.
+  int fd = relaxed_load(childs[slot_of(*clients[0])].connfd);
+  for (auto [level, name, value] : {std::array{SOL_SOCKET, SO_KEEPALIVE, 1}, {IPPROTO_TCP, TCP_KEEPIDLE, 10},
+                                    {IPPROTO_TCP, TCP_KEEPCNT, 3}, {IPPROTO_TCP, TCP_KEEPINTVL, 10}}) {
+    int got = 0;
+    socklen_t len = sizeof got;
+    EXPECT_TRUE(getsockopt(fd, level, name, &got, &len) == 0 && got == value) << name;
+  }
 }
 
 // A new connection from the address of the client in slot 0 drops that
