@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 #include "atserver/at_scanner.h"
 #include "atserver/parser_hooks.h"
@@ -183,6 +182,33 @@ struct Entry {
 constexpr size_t INITIAL_DEPTH = 200;
 constexpr size_t MAX_DEPTH = 10000;
 
+// The parser's stack on the heap, grown by realloc: the daemon carries no
+// C++ runtime library, so no std::vector.
+struct EntryStack {
+  Entry* entries = nullptr;
+  size_t count = 0;
+  size_t room = 0;
+
+  ~EntryStack() { free(entries); }
+  bool reserve(size_t n) {
+    if (n <= room) return true;
+    auto* grown = static_cast<Entry*>(realloc(entries, n * sizeof(Entry)));
+    if (grown == nullptr) return false;
+    entries = grown;
+    room = n;
+    return true;
+  }
+  size_t size() const { return count; }
+  size_t capacity() const { return room; }
+  bool empty() const { return count == 0; }
+  Entry* data() { return entries; }
+  Entry& operator[](size_t i) { return entries[i]; }
+  Entry& back() { return entries[count - 1]; }
+  void push_back(const Entry& e) { entries[count++] = e; }
+  void pop_back() { --count; }
+  void resize(size_t n) { count = n; }  // only ever shrinks
+};
+
 class Parser {
  public:
   int run();
@@ -193,7 +219,7 @@ class Parser {
   void act(int production, const Entry* rhs);
   void pop_all();
 
-  std::vector<Entry> stack_;
+  EntryStack stack_;
   int lookahead_ = EMPTY;
   YYSTYPE lookahead_value_{};
   int error_status_ = 0;  // tokens to shift before errors are reported again
@@ -205,7 +231,10 @@ bool Parser::push(int state, int symbol, YYSTYPE value) {
       yyerror("memory exhausted");
       return false;
     }
-    stack_.reserve(std::min(2 * stack_.capacity(), MAX_DEPTH));
+    if (!stack_.reserve(std::min(2 * stack_.capacity(), MAX_DEPTH))) {
+      yyerror("memory exhausted");
+      return false;
+    }
   }
   stack_.push_back({state, symbol, value});
   return true;
@@ -256,7 +285,10 @@ void Parser::pop_all() {
 }
 
 int Parser::run() {
-  stack_.reserve(INITIAL_DEPTH);
+  if (!stack_.reserve(INITIAL_DEPTH)) {
+    yyerror("memory exhausted");
+    return 2;
+  }
   push(0, END, {});
   for (;;) {
     int state = stack_.back().state;

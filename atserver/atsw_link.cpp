@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "atserver/result_writers.h"
 #include "core/host.h"
@@ -100,14 +99,21 @@ int zor_checkRspOkOrError(const char* text, int* status) {
 
 int zorSrv_ExpandLoneCr(char* text, size_t capacity) {
   size_t len = strlen(text);
-  std::string scratch;
-  scratch.reserve(2 * len + 1);
-  for (size_t i = 0; i < len; ++i) {
-    scratch += text[i];
-    if (text[i] == '\r' && text[i + 1] != '\n') scratch += '\n';
+  size_t full = len;
+  for (size_t i = 0; i < len; ++i)
+    if (text[i] == '\r' && text[i + 1] != '\n') ++full;
+  size_t kept = full < capacity ? full : capacity - 1;
+  // In place, from the end: the expanded text never starts before the
+  // original, so every byte is read before it can be overwritten. What lands
+  // at or past `kept` is cut.
+  size_t to = full;
+  char next = '\0';  // the original byte after the one being moved
+  for (size_t i = len; i-- > 0;) {
+    char c = text[i];
+    if (c == '\r' && next != '\n' && --to < kept) text[to] = '\n';
+    if (--to < kept) text[to] = c;
+    next = c;
   }
-  size_t kept = scratch.size() < capacity ? scratch.size() : capacity - 1;
-  memcpy(text, scratch.data(), kept);
   text[kept] = '\0';
   return static_cast<int>(kept);
 }

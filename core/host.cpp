@@ -1,5 +1,7 @@
 #include "core/host.h"
 
+#include <pthread.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,8 +14,11 @@ struct HostSeams {
   char error[160] = {};
 };
 
-HostSeams read_seams() {
-  HostSeams s;
+HostSeams seams_read;
+pthread_once_t seams_once = PTHREAD_ONCE_INIT;
+
+void read_seams() {
+  HostSeams& s = seams_read;
   if (const char* root = getenv("ZORD_ROOT"); root != nullptr && root[0] != '\0') {
     if (root[0] != '/')
       snprintf(s.error, sizeof s.error, "ZORD_ROOT must be an absolute path: %s", root);
@@ -30,12 +35,11 @@ HostSeams read_seams() {
     else
       s.port = static_cast<int>(value);
   }
-  return s;
 }
 
 const HostSeams& seams() {
-  static const HostSeams s = read_seams();
-  return s;
+  pthread_once(&seams_once, read_seams);
+  return seams_read;
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <string>
 
 #include "atserver/atsw_link.h"
 #include "core/log.h"
@@ -69,13 +68,14 @@ Registration scan_registration(const char* answer) {
 bool is_registered(int stat) { return stat == 1 || stat == 5; }
 
 bool find_plmn(const char* answer, char* plmn, size_t* length) {
-  std::string copy(answer);
-  char* save = nullptr;
-  strtok_r(copy.data(), "\"", &save);
-  const char* token = strtok_r(nullptr, "\"", &save);
-  if (token == nullptr) return false;
-  *length = strlen(token);
-  cut(token, plmn, 6);
+  // Tokens as a split on double quotes gives them: runs of other characters.
+  const char* first = answer + strspn(answer, "\"");
+  if (*first == '\0') return false;
+  const char* token = first + strcspn(first, "\"");
+  token += strspn(token, "\"");
+  if (*token == '\0') return false;
+  *length = strcspn(token, "\"");
+  cut(token, plmn, 6, *length);
   return true;
 }
 

@@ -2,7 +2,6 @@
 // to the asking client; no state, nothing unsolicited.
 #include <cstdio>
 #include <cstring>
-#include <vector>
 
 #include "atserver/atsw_link.h"
 #include "atserver/result_writers.h"
@@ -62,14 +61,15 @@ int zorSrv_HandleReadCEVVMCMD() {
   zorSrv_sendATCmdToAtSwitch("AT+CIMI\n\r", &status, answer, sizeof answer);
 
   // From the tenth character ("\r\n+CIMI: " skipped unseen) up to the first
-  // letter, CR or LF; scanned whole, then cut to the 19 characters kept.
-  std::vector<char> run(sizeof answer);
+  // letter, CR or LF; measured whole, then cut to the 19 characters kept.
+  int run = -1;
   char imsi[20] = {};
-  if (sscanf(answer + 9, "%[^A-Za-z\r\n]", run.data()) != 1) {
+  sscanf(answer + 9, "%*[^A-Za-z\r\n]%n", &run);
+  if (run <= 0) {
     ZLOG_INFO("%s:does not get IMSI\n", name);
     return zorSrv_SendResponse(RESULT_ERROR);
   }
-  snprintf(imsi, sizeof imsi, "%s", run.data());
+  snprintf(imsi, sizeof imsi, "%.*s", run, answer + 9);
   ZLOG_INFO("get imsi from USIM %s\n", imsi);
 
   Registration reg = query_registration(name, answer);
