@@ -52,8 +52,17 @@ void write_entry_v(bool error, const char* fmt, va_list ap) {
     if (pending_len >= sizeof pending) pending_len = before;
     return;
   }
-  fprintf(logfile, "%s ", __current_time());
-  if (error) fwrite("err: ", 1, 5, logfile);
+  // The time text, its blank and the prefix in one piece, then the message.
+  char head[40];
+  const char* time_text = __current_time();
+  size_t used = strlen(time_text);
+  memcpy(head, time_text, used);
+  head[used++] = ' ';
+  if (error) {
+    memcpy(head + used, "err: ", 5);
+    used += 5;
+  }
+  fwrite(head, 1, used, logfile);
   vfprintf(logfile, fmt, ap);
   fflush(logfile);
 }
@@ -112,10 +121,28 @@ void format_time_text(const timeval& tv, char* out, size_t size) {
 }
 
 const char* __current_time() {
+  // Entries come many to a second: the "HH:MM:SS." part is formatted once a
+  // second and only the milliseconds each time. Callers hold the log lock.
   static char text[32];
+  static time_t formatted = -1;
+  static size_t second_length = 0;
   timeval now{};
   gettimeofday(&now, nullptr);
-  format_time_text(now, text, sizeof text);
+  if (now.tv_sec != formatted) {
+    format_time_text(now, text, sizeof text);
+    const char* dot = strchr(text, '.');
+    formatted = dot != nullptr ? now.tv_sec : -1;
+    second_length = dot != nullptr ? static_cast<size_t>(dot + 1 - text) : 0;
+    return text;
+  }
+  // The same rounding as format_time_text: (usec + 500) / 1000, 0 to 1000.
+  long milliseconds = (static_cast<long>(now.tv_usec) + 500) / 1000;
+  char* out = text + second_length;
+  if (milliseconds >= 1000) *out++ = static_cast<char>('0' + milliseconds / 1000);
+  *out++ = static_cast<char>('0' + milliseconds / 100 % 10);
+  *out++ = static_cast<char>('0' + milliseconds / 10 % 10);
+  *out++ = static_cast<char>('0' + milliseconds % 10);
+  *out = '\0';
   return text;
 }
 
@@ -137,6 +164,16 @@ struct AtDump {
     va_end(ap);
     if (n > 0) pos += static_cast<size_t>(n);
     if (pos > sizeof buf - 1) pos = sizeof buf - 1;
+  }
+
+  // " %02X" of value, written by hand: it runs once for every byte dumped.
+  void append_hex(unsigned value) {
+    static constexpr char digits[] = "0123456789ABCDEF";
+    int width = value > 0xff ? 8 : 2;
+    if (pos + 1 + static_cast<size_t>(width) >= sizeof buf) return append(" %02X", value);
+    buf[pos++] = ' ';
+    for (int shift = 4 * (width - 1); shift >= 0; shift -= 4) buf[pos++] = digits[(value >> shift) & 0xf];
+    buf[pos] = '\0';
   }
 
   // The buffer goes out as data: a "%" in it is printed as it stands.
@@ -174,7 +211,7 @@ int LOG_AT_MSG(int32_t level, int32_t length, const void* data) {
 
   for (int32_t i = 0; i < length; ++i) {
     // Sign-extended: 0x80 and above print as FFFFFF80 and the like.
-    dump.append(" %02X", static_cast<unsigned>(static_cast<int>(static_cast<signed char>(bytes[i]))));
+    dump.append_hex(static_cast<unsigned>(static_cast<int>(static_cast<signed char>(bytes[i]))));
     if (dump.pos >= AT_DUMP_FLUSH_AT) {
       if (app_env >= level) log_entry(level == 0, "flushing out AT Msg:\n");
       dump.write_out();
