@@ -2,6 +2,7 @@
 
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -34,7 +35,8 @@ struct Dispatcher {
   int rsp_start = 0;
   int rsp_end = 0;
   int rsp_count = 0;
-  char rsp[RSP_BUFFER_SIZE + 1] = {};    // one answer; the last byte stays 0
+  bool rsp_nul = false;                  // a NUL was stored: the answer's text ends there
+  char rsp[RSP_BUFFER_SIZE + 1] = {};    // one answer; zero past rsp_count, and the last byte stays 0
   char unsol[RSP_BUFFER_SIZE + 1] = {};  // one unsolicited text
   char own_cmd[128] = {};
 };
@@ -75,10 +77,18 @@ void connect_to_server(int fd) {
   }
 }
 
-bool holds_final_result(const char* text) {
-  return strstr(text, "\r\nOK\r\n") != nullptr || strstr(text, "\r\nERROR\r\n") != nullptr ||
-         strstr(text, "CME ERROR") != nullptr || strstr(text, "\r\nAOK\r\n") != nullptr ||
-         strstr(text, "\r\nNOK\r\n") != nullptr;
+// Whether the answer, read as a text, holds a final result. It is asked after
+// every stored byte, so a result can only be new if it ends with that byte:
+// only the tail is compared. A NUL ends the text for good, and with it any
+// chance of a result after it, as a search of the whole text would find.
+bool ends_in_final_result(const char* text, size_t length) {
+  static constexpr struct {
+    const char* bytes;
+    size_t length;
+  } results[] = {{"\r\nOK\r\n", 6}, {"\r\nERROR\r\n", 9}, {"CME ERROR", 9}, {"\r\nAOK\r\n", 7}, {"\r\nNOK\r\n", 7}};
+  for (const auto& r : results)
+    if (length >= r.length && memcmp(text + length - r.length, r.bytes, r.length) == 0) return true;
+  return false;
 }
 
 void write_to(int fd, const char* text, size_t length) {
@@ -86,12 +96,21 @@ void write_to(int fd, const char* text, size_t length) {
   (void)written;  // a client that has gone is noticed by its own thread
 }
 
+// Two texts to one client in one write, so that the second is not held back
+// by the network waiting for the first one's acknowledgement.
+void write_to(int fd, const char* first, size_t first_length, const char* second, size_t second_length) {
+  iovec parts[2] = {{const_cast<char*>(first), first_length}, {const_cast<char*>(second), second_length}};
+  ssize_t written = writev(fd, parts, 2);
+  (void)written;
+}
+
 // One byte of the command server's answer. Bytes before the echoed command's
 // "A" belong to the tail of an earlier answer and are dropped.
 void collect_answer_byte(Dispatcher& d) {
   if (!d.rsp_start && !d.rsp_end) {
-    memset(d.rsp, 0, sizeof d.rsp);
+    memset(d.rsp, 0, static_cast<size_t>(d.rsp_count));  // the rest is still zero
     d.rsp_count = 0;
+    d.rsp_nul = false;
   }
   char c;
   ssize_t n = read(d.prs_fd, &c, 1);
@@ -103,8 +122,11 @@ void collect_answer_byte(Dispatcher& d) {
   if (!d.rsp_start && (c == 'A' || c == 'a')) d.rsp_start = 1;
   // An answer longer than the buffer keeps its beginning; the command
   // server's answers stay far below it.
-  if (d.rsp_start && static_cast<size_t>(d.rsp_count) < RSP_BUFFER_SIZE) d.rsp[d.rsp_count++] = c;
-  if (holds_final_result(d.rsp)) d.rsp_end = 1;
+  if (d.rsp_start && static_cast<size_t>(d.rsp_count) < RSP_BUFFER_SIZE) {
+    d.rsp[d.rsp_count++] = c;
+    if (c == '\0') d.rsp_nul = true;
+    if (!d.rsp_nul && ends_in_final_result(d.rsp, static_cast<size_t>(d.rsp_count))) d.rsp_end = 1;
+  }
   if (d.rsp_end) {
     zor_handleAtRsp(d.rsp_count, d.rsp, &d.rsp_handled, &d.rsp_end, &d.rsp_start, &d.rsp_count);
     ZLOG_INFO("after rsp_end = %d rsp_start %d\n", d.rsp_end, d.rsp_start);
@@ -190,8 +212,11 @@ void fix_line_end(char* cmd) {
 }
 
 void send_next(Dispatcher& d) {
-  MutexLock lock(atq_mtx.mutex);
+  // pending_cmds is this thread's own: the lock is only needed for the ring,
+  // and not taking it on every pass (once per answer byte) keeps answer
+  // collection from waiting behind a client thread's hand-over pause.
   if (d.pending_cmds <= 0) return;
+  MutexLock lock(atq_mtx.mutex);
   AtQEntry& e = at_cmd_q_entry[at_cmd_q_entry_rd_index];
   if (d.cmd_in_progress == 1) {
     ZLOG_INFO("got command %s while another command is in progress..\n", e.cmd);
@@ -220,31 +245,42 @@ int zor_handleAtRsp(int count, char* rsp, int* rsp_handled, int* rsp_end, int* r
   ZLOG_INFO("%s: handling RSP: (cnt %d len %d)\n", "zor_handleAtRsp", count, static_cast<int>(strlen(rsp)));
   const int rd = at_cmd_q_entry_rd_index;
   AtQEntry& e = at_cmd_q_entry[rd];
+  // The client's part of the answer; nothing for NOK.
+  char line[AOK_LINE_MAX + 3] = {};
+  const char* part = nullptr;
+  size_t part_length = 0;
   if (strstr(rsp, "\r\nAOK\r\n") != nullptr) {
     // Only the information line: it starts at the second "+" (the first is
     // in the echoed command).
-    char line[AOK_LINE_MAX + 3] = {};
     const char* first = strchr(rsp, '+');
     const char* second = first != nullptr ? strchr(first + 1, '+') : nullptr;
     size_t len = second != nullptr ? strcspn(second, "\r\n") : 0;
     if (len > AOK_LINE_MAX) len = AOK_LINE_MAX;
     if (second != nullptr) memcpy(line, second, len);
     memcpy(line + len, "\r\n", 2);
-    write_to(e.connfd, line, len + 2);
+    part = line;
+    part_length = len + 2;
   } else if (strstr(rsp, "\r\nNOK\r\n") == nullptr) {
     // Everything after the echoed command line.
     const char* lf = strchr(rsp, '\n');
-    if (lf != nullptr) write_to(e.connfd, lf + 1, strlen(lf + 1));
+    if (lf != nullptr) {
+      part = lf + 1;
+      part_length = strlen(lf + 1);
+    }
   }
+  size_t deferred_length = 0;
   if (e.delay_unsol == 1) {
     ZLOG_INFO("delay unsol send at_cmd_q_entry_rd_index %d \n", rd);
     // All but the last character, as deferred texts have always gone out.
     size_t len = strnlen(process_unsol, sizeof process_unsol);
-    if (len > 0) write_to(e.connfd, process_unsol, len - 1);
+    if (len > 0) deferred_length = len - 1;
   }
+  if (deferred_length > 0) write_to(e.connfd, part, part_length, process_unsol, deferred_length);
+  else if (part != nullptr) write_to(e.connfd, part, part_length);
   ZLOG_INFO("=== at_cmd_q_entry_rd_index %d to %X:%d\n", rd, e.addr, e.port);
   relaxed_store(at_cmd_q_entry_rd_index, (rd + 1) % AT_Q_SIZE);  // the handlers read it
-  memset(rsp, 0, RSP_BUFFER_SIZE);
+  // Only what was stored: the rest of the buffer is still zero.
+  memset(rsp, 0, count > 0 ? static_cast<size_t>(count) : 0);
   *rsp_end = 0;
   *rsp_start = 0;
   *rsp_count = 0;
@@ -279,7 +315,8 @@ void zor_handle_unsol_rsp(const char* text, int length, int pending) {
 }
 
 void* run_at_q_thread(void*) {
-  Dispatcher* d = new Dispatcher;  // 32 KiB of buffers: not on the thread's stack
+  static Dispatcher state;  // 32 KiB of buffers: not on the thread's stack
+  Dispatcher* d = &state;
   d->epfd = epoll_create(3);
   ZLOG_INFO("%s entry\n", NAME);
   d->prs_fd = socket(AF_UNIX, SOCK_STREAM, 0);
