@@ -11,6 +11,7 @@
 #include "core/log.h"
 #include "core/options.h"
 #include "core/signals.h"
+#include "core/threads.h"
 #include "embms/lte_reg_thread.h"
 #include "embms/unsol_thread.h"
 #include "gateway/at_queue.h"
@@ -37,7 +38,7 @@ pthread_t server_thread;  // written by the AT thread
 
 int zor_StartServer() {
   ZLOG_INFO("%s entry\n", "zor_StartServer");
-  return pthread_create(&server_thread, nullptr, zorSrv_ThreadMain, zor_socket_names) == 0 ? 1 : 0;
+  return start_thread(&server_thread, zorSrv_ThreadMain, zor_socket_names, LARGE_STACK) == 0 ? 1 : 0;
 }
 
 int wait_server_thread() {
@@ -66,6 +67,7 @@ void root_socket_names() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  limit_malloc_arenas();
   bool daemonize_flag = false;
   parse_options(argc, argv, &daemonize_flag);
 
@@ -95,15 +97,16 @@ int main(int argc, char** argv) {
     pthread_t* handle;
     void* (*entry)(void*);
     const char* failed;
+    size_t stack_size;
   } threads[] = {
-      {&at_thread, AtThreadMain, "cannot created at thread %s\n"},
-      {&unsol_thread, zorUnsol_ThreadMain, "cannot created at unsol thread %s\n"},
-      {&listener_thread, run_listener_thread, listener_failed},
-      {&at_q_thread, run_at_q_thread, listener_failed},
-      {&lte_reg_thread, initial_LTE_reg_thread, "cannot created main initial_LTE_reg_thread %s\n"},
+      {&at_thread, AtThreadMain, "cannot created at thread %s\n", SMALL_STACK},
+      {&unsol_thread, zorUnsol_ThreadMain, "cannot created at unsol thread %s\n", LARGE_STACK},
+      {&listener_thread, run_listener_thread, listener_failed, SMALL_STACK},
+      {&at_q_thread, run_at_q_thread, listener_failed, LARGE_STACK},
+      {&lte_reg_thread, initial_LTE_reg_thread, "cannot created main initial_LTE_reg_thread %s\n", LARGE_STACK},
   };
   for (const auto& t : threads) {
-    if (pthread_create(t.handle, nullptr, t.entry, nullptr) != 0) {
+    if (start_thread(t.handle, t.entry, nullptr, t.stack_size) != 0) {
       ZLOG_ERROR(t.failed, strerror(errno));
       return -1;
     }

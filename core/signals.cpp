@@ -22,6 +22,7 @@
 #include <cstdlib>
 
 #include "core/log.h"
+#include "core/threads.h"
 
 namespace {
 
@@ -88,7 +89,7 @@ bool start_exit_thread() {
   int flags = fcntl(exit_pipe[0], F_GETFL);
   fcntl(exit_pipe[0], F_SETFL, flags & ~O_NONBLOCK);
 
-  int rc = pthread_create(&exit_thread, nullptr, signal_exit_thread, nullptr);
+  int rc = start_thread(&exit_thread, signal_exit_thread, nullptr, SMALL_STACK);
   if (rc != 0) {
     close(exit_pipe[0]);
     close(exit_pipe[1]);

@@ -18,6 +18,7 @@
 #include "core/mutex_lock.h"
 #include "core/options.h"
 #include "core/relaxed.h"
+#include "core/threads.h"
 #include "gateway/at_queue.h"
 
 namespace {
@@ -107,7 +108,7 @@ bool add_child(uint32_t addr, uint32_t port, int fd) {
   uint32_t generation = next_generation(slot_start[slot].generation);
   slot_start[slot] = {generation, true};
   uintptr_t arg = (static_cast<uintptr_t>(generation) << SLOT_BITS) | static_cast<uintptr_t>(slot);
-  int rc = pthread_create(&tid, nullptr, zor_listener_handler, reinterpret_cast<void*>(arg));
+  int rc = start_thread(&tid, zor_listener_handler, reinterpret_cast<void*>(arg), SMALL_STACK);
   if (rc != 0) {
     ZLOG_INFO("ERROR: on pthread create for new connection (%d) %s \n", fd, strerror(rc));
     return true;  // the slot and the count stay as they are
