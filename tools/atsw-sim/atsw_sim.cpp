@@ -393,6 +393,12 @@ struct Simulator::Impl {
   void serve() {
     std::unique_lock lock(mtx);
     while (running) {
+      // Answers due now go out before the next wait, so an answer without
+      // a delay leaves as soon as its command is read.
+      while (!schedule.empty() && schedule.front().at <= Clock::now()) {
+        write_all(schedule.front().fd, schedule.front().bytes);
+        schedule.erase(schedule.begin());
+      }
       std::vector<pollfd> fds;
       for (int fd : {wake[0], cmd_listen, unsol_listen, ctl_listen})
         if (fd >= 0) fds.push_back({fd, POLLIN, 0});
@@ -400,18 +406,14 @@ struct Simulator::Impl {
         for (const auto& c : *conns) fds.push_back({c.fd, POLLIN, 0});
       int timeout = -1;
       if (!schedule.empty()) {
-        auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(schedule.front().at - Clock::now()).count();
-        timeout = static_cast<int>(std::clamp<long long>(ms + 1, 0, 600000));
+        // Rounded up: waking before the answer is due would only spin.
+        auto us = std::chrono::duration_cast<std::chrono::microseconds>(schedule.front().at - Clock::now()).count();
+        timeout = static_cast<int>(std::clamp<long long>((us + 999) / 1000, 0, 600000));
       }
       lock.unlock();
       poll(fds.data(), fds.size(), timeout);
       lock.lock();
       if (!running) break;
-
-      while (!schedule.empty() && schedule.front().at <= Clock::now()) {
-        write_all(schedule.front().fd, schedule.front().bytes);
-        schedule.erase(schedule.begin());
-      }
       for (const auto& p : fds) {
         if (!(p.revents & (POLLIN | POLLHUP | POLLERR))) continue;
         if (p.fd == wake[0]) {
