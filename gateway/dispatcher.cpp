@@ -25,10 +25,11 @@ constexpr int CONNECT_RETRIES = 500;      // 1 ms apart
 constexpr int LATE_CONNECT_RETRIES = 100;  // 100 ms apart, after those
 constexpr int AOK_LINE_MAX = 1021;
 
-// The dispatcher's own state; the thread is its only user.
+// The dispatcher's own state; the thread is its only user. All zero at
+// first (so it takes no room in the binary); the thread sets the descriptors.
 struct Dispatcher {
-  int epfd = -1;
-  int prs_fd = -1;  // the command server connection
+  int epfd = 0;
+  int prs_fd = 0;  // the command server connection
   int cmd_in_progress = 0;
   int pending_cmds = 0;  // queued, not yet sent
   int rsp_handled = 0;   // an answer was delivered since the last wait
