@@ -213,11 +213,12 @@ void fix_line_end(char* cmd) {
 }
 
 void send_next(Dispatcher& d) {
-  // pending_cmds is this thread's own: the lock is only needed for the ring,
-  // and not taking it on every pass (once per answer byte) keeps answer
-  // collection from waiting behind a client thread's hand-over pause.
+  // No queue lock here: the ring, its indices and pending_cmds are written
+  // by this thread alone (client threads only write block addresses into
+  // the socket pair, under the lock). Taking it on every pass, once per
+  // answer byte, made answer collection and sending wait behind client
+  // threads' 5 ms hand-over pauses.
   if (d.pending_cmds <= 0) return;
-  MutexLock lock(atq_mtx.mutex);
   AtQEntry& e = at_cmd_q_entry[at_cmd_q_entry_rd_index];
   if (d.cmd_in_progress == 1) {
     ZLOG_INFO("got command %s while another command is in progress..\n", e.cmd);
