@@ -109,40 +109,47 @@ FILE* log_open(const char* path) {
   return logfile;
 }
 
-void format_time_text(const timeval& tv, char* out, size_t size) {
-  char scratch[32] = {};
-  time_t seconds = tv.tv_sec;
+namespace {
+
+// "HH:MM:SS." of a second, local time; its length.
+size_t put_second(time_t seconds, char* out, size_t size) {
   tm local{};
   localtime_r(&seconds, &local);
-  strftime(scratch, sizeof scratch, "%T.", &local);
-  // Rounded, and not carried: 999500 microseconds and more read ".1000".
-  long milliseconds = static_cast<long>(static_cast<double>(tv.tv_usec) / 1000.0 + 0.5);
-  snprintf(out, size, "%s%03ld", scratch, milliseconds);
+  return strftime(out, size, "%T.", &local);
+}
+
+// The milliseconds, rounded and not carried: 999500 microseconds and more
+// read "1000". Needs 5 bytes.
+void put_milliseconds(long usec, char* out) {
+  long milliseconds = (usec + 500) / 1000;
+  if (milliseconds >= 1000) *out++ = static_cast<char>('0' + milliseconds / 1000 % 10);
+  *out++ = static_cast<char>('0' + milliseconds / 100 % 10);
+  *out++ = static_cast<char>('0' + milliseconds / 10 % 10);
+  *out++ = static_cast<char>('0' + milliseconds % 10);
+  *out = '\0';
+}
+
+}  // namespace
+
+void format_time_text(const timeval& tv, char* out, size_t size) {
+  char scratch[32] = {};
+  put_milliseconds(tv.tv_usec, scratch + put_second(tv.tv_sec, scratch, sizeof scratch - 5));
+  snprintf(out, size, "%s", scratch);
 }
 
 const char* __current_time() {
-  // Entries come many to a second: the "HH:MM:SS." part is formatted once a
-  // second and only the milliseconds each time. Callers hold the log lock.
+  // Entries come many to a second: the second is formatted once a second and
+  // only the milliseconds each time. Callers hold the log lock.
   static char text[32];
   static time_t formatted = -1;
   static size_t second_length = 0;
   timeval now{};
   gettimeofday(&now, nullptr);
   if (now.tv_sec != formatted) {
-    format_time_text(now, text, sizeof text);
-    const char* dot = strchr(text, '.');
-    formatted = dot != nullptr ? now.tv_sec : -1;
-    second_length = dot != nullptr ? static_cast<size_t>(dot + 1 - text) : 0;
-    return text;
+    second_length = put_second(now.tv_sec, text, sizeof text - 5);
+    formatted = now.tv_sec;
   }
-  // The same rounding as format_time_text: (usec + 500) / 1000, 0 to 1000.
-  long milliseconds = (static_cast<long>(now.tv_usec) + 500) / 1000;
-  char* out = text + second_length;
-  if (milliseconds >= 1000) *out++ = static_cast<char>('0' + milliseconds / 1000);
-  *out++ = static_cast<char>('0' + milliseconds / 100 % 10);
-  *out++ = static_cast<char>('0' + milliseconds / 10 % 10);
-  *out++ = static_cast<char>('0' + milliseconds % 10);
-  *out = '\0';
+  put_milliseconds(now.tv_usec, text + second_length);
   return text;
 }
 

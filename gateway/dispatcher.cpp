@@ -108,11 +108,9 @@ void write_to(int fd, const char* first, size_t first_length, const char* second
 // One byte of the command server's answer. Bytes before the echoed command's
 // "A" belong to the tail of an earlier answer and are dropped.
 void collect_answer_byte(Dispatcher& d) {
-  if (!d.rsp_start && !d.rsp_end) {
-    memset(d.rsp, 0, static_cast<size_t>(d.rsp_count));  // the rest is still zero
-    d.rsp_count = 0;
-    d.rsp_nul = false;
-  }
+  // Between answers the buffer is already clear and its position 0:
+  // zor_handleAtRsp clears what an answer used. Only the NUL mark is left.
+  if (!d.rsp_start && !d.rsp_end) d.rsp_nul = false;
   char c;
   ssize_t n = read(d.prs_fd, &c, 1);
   if (n < 0) {
