@@ -68,6 +68,7 @@ void root_socket_names() {
 
 int main(int argc, char** argv) {
   limit_malloc_arenas();
+  tighten_timer_slack();
   bool daemonize_flag = false;
   parse_options(argc, argv, &daemonize_flag);
 

@@ -31,3 +31,8 @@ int start_thread(pthread_t* thread, void* (*entry)(void*), void* arg, size_t sta
 // One malloc arena for the whole process (where the C library has arenas):
 // every thread allocating its own would reserve 64 MiB of address space each.
 void limit_malloc_arenas();
+
+// Sleeps end when asked, not up to 50 us later (the kernel's default slack):
+// the 5 ms hand-over pause sets the pace of every client's command.
+// Threads started afterwards inherit it.
+void tighten_timer_slack();
