@@ -38,4 +38,11 @@ def test_zordctl_reads_answers_line_by_line_and_maps_them_to_exit_statuses():
             assert err in got[1] and (err or not got[1]), f'{args}: standard error {got[1]!r}'
 
 
+
+def test_zordctl_and_atsw_sim_print_the_project_version():
+    with Run() as run:
+        got = [run_program(run, [program, '--version']) for program in (ZORDCTL, SIM)]
+    eq([(s, re.sub(r' \d+\.\d+( \(\S+\))?\n$', '', o), e) for s, o, e in got], [(0, 'zordctl', ''), (0, 'atsw-sim', '')])
+
+
 globals()[sys.argv[1]]()  # the case named on the command line

@@ -13,12 +13,13 @@
 
 #include "core/host.h"
 #include "tools/atsw-sim/atsw_sim.h"
+#include "zord_version.h"
 
 namespace {
 
 void usage(const char* name) {
   fprintf(stderr,
-          "usage: %s [--cmd-socket N] [--unsol-socket N] [--keep-config]\n"
+          "usage: %s [--cmd-socket N] [--unsol-socket N] [--keep-config] [--version]\n"
           "Plays the AT switch under $ZORD_ROOT: commands on /tmp/atsw<N> (role CUSTOM2, default 11),\n"
           "reports on /tmp/atsw<N> (role VVMUNSOL, default 12), control on /tmp/atsw-sim.ctl.\n"
           "Control commands, one a line, on standard input or the control socket:\n%s"
@@ -49,6 +50,9 @@ int main(int argc, char** argv) {
       }
     } else if (arg == "--keep-config") {
       options.keep_config = true;
+    } else if (arg == "--version") {
+      printf("atsw-sim " ZORD_VERSION_TEXT "\n");
+      return 0;
     } else {
       usage(argv[0]);
       return arg == "-h" || arg == "--help" ? 0 : 1;

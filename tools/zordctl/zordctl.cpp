@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "zord_version.h"
+
 namespace {
 
 // Exit statuses.
@@ -44,6 +46,7 @@ const char USAGE_TEXT[] =
     "  --timeout MS  how long to wait for each answer (default 5000)\n"
     "  --source ADDR the local IPv4 address to connect from; a second client on\n"
     "                the daemon's host needs its own (127.0.0.2, 127.0.0.3, ...)\n"
+    "  --version     print the version and exit\n"
     "exit status: 0 answered, 2 usage, 3 not reachable, 4 refused (ERROR),\n"
     "             5 the daemon closed the connection, 6 no answer in time\n";
 
@@ -90,8 +93,8 @@ Options parse_options(int argc, char** argv) {
   int i = 1;
   for (; i < argc && argv[i][0] == '-'; ++i) {
     std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      o.command = "help";
+    if (arg == "--help" || arg == "-h" || arg == "--version") {
+      o.command = arg == "--version" ? "version" : "help";
       return o;
     }
     size_t eq = arg.find('=');
@@ -367,8 +370,8 @@ int run(const Options& o) {
 int main(int argc, char** argv) {
   try {
     Options o = parse_options(argc, argv);
-    if (o.command == "help") {
-      std::cout << USAGE_TEXT;
+    if (o.command == "help" || o.command == "version") {
+      std::cout << (o.command == "help" ? USAGE_TEXT : "zordctl " ZORD_VERSION_TEXT "\n");
       return ANSWERED;
     }
     return run(o);
