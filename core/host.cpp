@@ -1,7 +1,9 @@
 #include "core/host.h"
 
 #include <pthread.h>
+#include <sys/stat.h>
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -58,3 +60,33 @@ bool rooted_path(char* out, size_t size, const char* fixed_path) {
 }
 
 const char* host_seams_error() { return seams().error[0] != '\0' ? seams().error : nullptr; }
+
+namespace {
+bool in_foreground = true;  // set by main() before any thread starts
+}  // namespace
+
+void set_foreground(bool foreground) { in_foreground = foreground; }
+
+void foreground_warning(const char* format, ...) {
+  if (!in_foreground) return;
+  char text[256];
+  va_list args;
+  va_start(args, format);
+  vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  fprintf(stderr, "zord: warning: %s\n", text);
+}
+
+bool missing_root_directory(char* out, size_t size) {
+  out[0] = '\0';
+  if (zord_root()[0] == '\0') return false;
+  // The sockets live in tmp; the log in tmp/logs is warned about when it
+  // cannot be opened.
+  struct stat st {};
+  rooted_path(out, size, "/tmp");
+  if (stat(out, &st) == 0 && S_ISDIR(st.st_mode)) {
+    out[0] = '\0';
+    return false;
+  }
+  return true;
+}

@@ -19,3 +19,14 @@ bool rooted_path(char* out, size_t size, const char* fixed_path);
 // A message naming the bad variable when ZORD_ROOT or ZORD_PORT cannot be
 // used, else nullptr.
 const char* host_seams_error();
+
+// What a person starting the daemon by hand should hear about (a client port
+// it could not bind, a log it could not open): one line on standard error
+// while the daemon runs in the foreground; never in the log, never on the
+// wire, and nothing once it runs as a daemon.
+void set_foreground(bool foreground);
+void foreground_warning(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// For a root set by ZORD_ROOT: the directory under it that the daemon needs
+// and that is missing ("" when all is there), written into out.
+bool missing_root_directory(char* out, size_t size);

@@ -77,6 +77,12 @@ int main(int argc, char** argv) {
     fprintf(stderr, "%s: %s\n", argv[0], error);
     return 1;
   }
+  if (char missing[SOCKET_PATH_SIZE]; missing_root_directory(missing, sizeof missing)) {
+    fprintf(stderr, "%s: ZORD_ROOT has no directory %s (the sockets go there; the log goes in its logs)\n", argv[0],
+            missing);
+    return 1;
+  }
+  set_foreground(!daemonize_flag);
   root_socket_names();
 
   if (daemonize_flag) daemonize(argv[0]);
@@ -84,7 +90,8 @@ int main(int argc, char** argv) {
 
   char log_path[SOCKET_PATH_SIZE];
   rooted_path(log_path, sizeof log_path, "/tmp/logs/zord-vvm-app.log");
-  log_open(log_path);
+  if (log_open(log_path) == nullptr)
+    foreground_warning("cannot open the log %s: %s; nothing will be logged", log_path, strerror(errno));
 
   ZLOG_INFO("%s entry\n", "main");
   ZLOG_INFO("STARTING ZOR Daemon compile time %s:%s\n", zord_build_date, zord_build_time);

@@ -136,7 +136,9 @@ void* run_listener_thread(void*) {
   serv.sin_family = AF_INET;
   serv.sin_addr.s_addr = htonl(INADDR_ANY);
   serv.sin_port = htons(static_cast<uint16_t>(zord_port()));
-  bind(listenfd, reinterpret_cast<sockaddr*>(&serv), sizeof serv);
+  if (bind(listenfd, reinterpret_cast<sockaddr*>(&serv), sizeof serv) != 0)
+    foreground_warning("cannot bind TCP port %d: %s; clients cannot reach this zord (ZORD_PORT moves the port)",
+                       zord_port(), strerror(errno));
   listen(listenfd, CLIENT_BACKLOG);
 
   for (;;) {
