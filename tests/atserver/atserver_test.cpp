@@ -135,6 +135,7 @@ TEST_F(AtServer, TheCommandServerAnswersEachLineWithItsEchoesThenTheResultCodes)
   atsw::Simulator sim({root_.path(), 11, 12, true});  // keeps the configuration
   std::string error;
   ASSERT_TRUE(sim.start(&error)) << error;
+  sim.control("quote on");
   const std::string server = root_.path() + "/tmp/zor-vvm_at_prs_srv";
   fclose(fopen(server.c_str(), "w"));
   ASSERT_EQ(init_shared_ipc(), 0);  // the set handler writes to the unsolicited pair

@@ -35,6 +35,7 @@ class ModemFixture : public ::testing::Test {
     sim_ = std::make_unique<atsw::Simulator>(atsw::Simulator::Options{root_.path(), 11, 12, false, false});
     std::string error;
     ASSERT_TRUE(sim_->start(&error)) << error;
+    modem("quote on");  // the modem quirk the handlers copy as it comes
     char path[ATSW_PATH_SIZE] = {};
     findSocketName("CUSTOM2", path);
     ASSERT_EQ(zor_OpenSocketToAtSwitch("AT_CMD_RSP", path, &cmd_atsw_fd), 0);

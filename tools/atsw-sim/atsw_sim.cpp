@@ -31,7 +31,7 @@ struct Model {
   std::string plmn = "310410";
   std::string duplex = "FDD";  // empty: no duplexing line (not camped)
   std::string imsi = "310410123456789";
-  bool quoted = true;   // tac and ci in double quotes
+  bool quoted = false;  // tac and ci in double quotes, as some modems answer
   bool spaced = false;  // a blank after each comma
   std::map<std::string, std::string> raw;  // command (upper case) -> answer bytes
   bool autoreport = true;
@@ -543,7 +543,7 @@ std::string Simulator::help() {
          "cell TAC CI               serving tracking area and cell\n"
          "plmn DIGITS | imsi DIGITS operator and subscriber identity\n"
          "duplex FDD|TDD|none       duplexing mode (none: not camped)\n"
-         "quote on|off              tac and ci in double quotes\n"
+         "quote on|off              tac and ci in double quotes (default off)\n"
          "spacing on|off            a blank after each comma\n"
          "answer CMD [TEXT]         raw answer for CMD (escapes \\r \\n \\\" \\xHH); no TEXT: back to the model\n"
          "fail N [cme CODE]         the next N commands get ERROR (or +CME ERROR: CODE)\n"
