@@ -1,7 +1,8 @@
 # zordctl as a user runs it, against a stand-in daemon: framing, refusals and
-# silence. Its command line and its runs with the real daemon are in the
-# end-to-end cases.
+# silence; and beside the real daemon and the simulator as people use them
+# on one host. More runs with the real daemon are in the end-to-end cases.
 from harness import *  # from tests/e2e, on PYTHONPATH
+import json, pty
 
 
 def test_zordctl_reads_answers_line_by_line_and_maps_them_to_exit_statuses():
@@ -14,7 +15,10 @@ def test_zordctl_reads_answers_line_by_line_and_maps_them_to_exit_statuses():
             (['send', 'ATE1'], ['OK\r\n', '+CME ERROR: 4\r\n'], 'ATE1\r\n', 4, '+CME ERROR: 4\n',
              'zordctl: the daemon answered +CME ERROR: 4 to ATE1\n'),
             (['cell'], ['ERROR\r\n'], '', 4, '', 'zordctl: the daemon answered ERROR to AT+CEVVMCMD=1\n'),
-            (['watch'], ['OK\r\n', None], 'AT+CEVVMEV=1\r\n', 5, '', 'zordctl: the daemon closed the connection'),
+            (['watch'], ['OK\r\n', None], 'AT+CEVVMEV=1\r\n', 5, '',
+             'zordctl: the daemon closed the connection; most likely another client connected from this one'),
+            (['send', 'AT'], ['OK\r\n', 'ERROR\r\n'], 'AT\r\n', 4, 'ERROR\n', 'zordctl: the daemon answered ERROR to AT: '
+             'the daemon takes only lines that begin with ATE, AT+CEVVMCMD or AT+CEVVMEV and closes the connection'),
             (['--timeout=300', 'identity'], [], '', 6, '', 'zordctl: no answer to AT+CEVVMCMD=1 within 300 ms\n')]
     with Run() as run:
         for args, answers, sent, status, out, err in rows:
@@ -37,6 +41,31 @@ def test_zordctl_reads_answers_line_by_line_and_maps_them_to_exit_statuses():
                f'{args}: what the daemon received, exit status, standard output')
             assert err in got[1] and (err or not got[1]), f'{args}: standard error {got[1]!r}'
 
+
+
+def test_tools_on_one_host_keep_each_other_and_speak_json():
+    cell = {'cell': '26201ABCD0BEEF01', 'plmn': '26201', 'tac': 'ABCD', 'cell_id': '0BEEF01', 'duplex': 'TDD'}
+    with Run(zord=[], sim=True) as road:
+        watch = road.start([ZORDCTL, 'watch', '--json'], **PIPES)  # the first client: its address is the one that counts
+        read_until(watch.stderr, 'watching')
+        road.modem('plmn 26201', 'duplex TDD', 'cell ABCD 00BEEF01')  # a new cell: an event for the watcher
+        for args, want in [(None, dict(cell, changed=0)), (['--json', 'cell'], cell),
+                           (['identity', '--json'], dict(cell, imsi='310410123456789'))]:
+            got = json.loads(run_program(road, [ZORDCTL] + args)[1] if args else read_until(watch.stdout, '}\n'))
+            eq((got.pop('time')[:2], got), ('20', want), args or 'what the watcher heard')
+        eq(watch.poll(), None, 'the watcher is still connected')
+        # The simulator's control mode; a simulator started in the background of an interactive shell.
+        eq([run_program(road, [SIM, 'ctl'] + c.split()) for c in ('cell 1A2B', 'quote on')],
+           [(1, 'error: cell takes TAC CI\n', ''), (0, 'ok\n', '')], 'atsw-sim ctl')
+    with Run() as shell:
+        pid, tty = pty.fork()
+        if pid == 0:
+            os.execvpe('bash', ['bash', '--norc', '-i'], shell.env)
+        os.write(tty, ' '.join(LAUNCHER + [SIM, '&\n']).encode())
+        sims = lambda: [p for p in shell.rooted() if SIM.encode() in proc(p, 'cmdline')]
+        assert wait_until(sims), 'atsw-sim did not start'
+        time.sleep(1)  # it would stop at its first read of the terminal
+        eq([proc(p, 'stat').split(b') ')[1][:1] for p in sims()], [b'S'], 'atsw-sim in the background')
 
 
 def test_zordctl_and_atsw_sim_print_the_project_version():

@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
+#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@
 #include <ctime>
 #include <iostream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "zord_version.h"
@@ -34,7 +36,7 @@ constexpr size_t MAX_SEND = 126;
 constexpr size_t MAX_LINE = 4096;
 
 const char USAGE_TEXT[] =
-    "usage: zordctl [--host H] [--port N] [--timeout MS] [--source ADDR] COMMAND\n"
+    "usage: zordctl [--host H] [--port N] [--timeout MS] [--source ADDR] [--json] COMMAND\n"
     "commands:\n"
     "  cell          print the serving cell: +CEVVMEV:<cell>,<duplex>\n"
     "  identity      print the identity: +CEVVMCMD:<imsi>,<cell>,<duplex>\n"
@@ -44,8 +46,11 @@ const char USAGE_TEXT[] =
     "  --host H      the daemon's IPv4 address (default 127.0.0.1)\n"
     "  --port N      its TCP port (default $ZORD_PORT, else 6666)\n"
     "  --timeout MS  how long to wait for each answer (default 5000)\n"
-    "  --source ADDR the local IPv4 address to connect from; a second client on\n"
-    "                the daemon's host needs its own (127.0.0.2, 127.0.0.3, ...)\n"
+    "  --source ADDR the local IPv4 address to connect from (default: to a daemon\n"
+    "                on 127.x.x.x, an address of this run's own in 127.0.0.0/8,\n"
+    "                since a new client from the daemon's first client's address\n"
+    "                drops that client)\n"
+    "  --json        cell, identity, watch: one JSON object a line, fields decoded\n"
     "  --version     print the version and exit\n"
     "exit status: 0 answered, 2 usage, 3 not reachable, 4 refused (ERROR),\n"
     "             5 the daemon closed the connection, 6 no answer in time\n";
@@ -63,6 +68,7 @@ struct Options {
   std::string source;
   std::string command;
   std::string line;  // what `send` sends
+  bool json = false;
 };
 
 using Clock = std::chrono::steady_clock;
@@ -97,6 +103,10 @@ Options parse_options(int argc, char** argv) {
       o.command = arg == "--version" ? "version" : "help";
       return o;
     }
+    if (arg == "--json") {
+      o.json = true;
+      continue;
+    }
     size_t eq = arg.find('=');
     std::string name = arg.substr(0, eq);
     if (name != "--host" && name != "--port" && name != "--timeout" && name != "--source")
@@ -120,6 +130,7 @@ Options parse_options(int argc, char** argv) {
 
   std::vector<std::string> words(argv + i, argv + argc);
   if (words.empty()) throw Failure{USAGE, "no command given"};
+  if (words[0] != "send" && std::erase(words, "--json") > 0) o.json = true;  // also after the command
   o.command = words[0];
   if (o.command == "send") {
     if (words.size() != 2) throw Failure{USAGE, "send takes one LINE (quote it if it holds blanks)"};
@@ -133,7 +144,33 @@ Options parse_options(int argc, char** argv) {
   } else {
     throw Failure{USAGE, "unknown command: " + o.command};
   }
+  if (o.json && o.command == "send") throw Failure{USAGE, "--json is for cell, identity and watch"};
   return o;
+}
+
+// What the daemon takes from a client: any other line gets ERROR and the
+// connection closed.
+bool daemon_accepts(const std::string& line) {
+  auto begins = [&](const char* prefix) { return strncasecmp(line.c_str(), prefix, strlen(prefix)) == 0; };
+  return line.size() + 2 <= 128 && (begins("ATE") || begins("AT+CEVVMCMD") || begins("AT+CEVVMEV"));
+}
+
+const char ACCEPTED_FORMS[] =
+    "the daemon takes only lines that begin with ATE, AT+CEVVMCMD or AT+CEVVMEV and closes the connection "
+    "after any other";
+
+// A loopback address of this run's own, from 127.0.0.2 to 127.255.255.254
+// with neither 0 nor 255 last: tools on one host then never share one.
+in_addr own_loopback_address() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  uint32_t mix = static_cast<uint32_t>(getpid()) * 2654435761u ^ static_cast<uint32_t>(now.tv_nsec) ^
+                 static_cast<uint32_t>(now.tv_sec);
+  uint32_t high = mix % 0x10000u, low = 1 + (mix >> 16) % 254;  // 127.high.low
+  if (high == 0 && low == 1) low = 2;
+  in_addr addr{};
+  addr.s_addr = htonl(0x7F000000u | high << 8 | low);
+  return addr;
 }
 
 // SIGINT and SIGTERM end `watch` through this pipe, so that a signal landing
@@ -171,12 +208,16 @@ class Link {
     fd_.fd = socket(AF_INET, SOCK_STREAM, 0);
     if (fd_.fd < 0) throw Failure{UNREACHABLE, "cannot make a socket: " + reason()};
     fcntl(fd_.fd, F_SETFL, O_NONBLOCK);  // so that connect() and send() keep to the timeout
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
     if (!o.source.empty()) {
-      sockaddr_in local{};
-      local.sin_family = AF_INET;
       parse_ipv4(o.source, &local.sin_addr);
       if (bind(fd_.fd, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0)
         throw Failure{UNREACHABLE, "cannot bind to " + o.source + ": " + reason()};
+    } else if ((ntohl(remote.sin_addr.s_addr) >> 24) == 127) {
+      local.sin_addr = own_loopback_address();
+      // Where 127/8 is not all loopback, the system's choice will do.
+      if (bind(fd_.fd, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) local.sin_addr.s_addr = 0;
     }
     if (connect(fd_.fd, reinterpret_cast<sockaddr*>(&remote), sizeof remote) != 0) {
       if (errno != EINPROGRESS) throw Failure{UNREACHABLE, "cannot connect to " + where + ": " + reason()};
@@ -199,12 +240,13 @@ class Link {
 
   // One line per write: the daemon takes each receive as one line.
   void send_line(const std::string& line) {
+    last_line_ = line;
     std::string bytes = line + "\r\n";
     for (;;) {
       ssize_t n = send(fd_.fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
       if (n == static_cast<ssize_t>(bytes.size())) return;
       if (n >= 0) throw Failure{CLOSED, "could not send " + line + " in one piece"};
-      if (errno == EPIPE || errno == ECONNRESET) throw Failure{CLOSED, "the daemon closed the connection"};
+      if (errno == EPIPE || errno == ECONNRESET) throw Failure{CLOSED, closed()};
       if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
         throw Failure{CLOSED, "cannot send to the daemon: " + reason()};
       pollfd p{fd_.fd, POLLOUT, 0};
@@ -257,15 +299,29 @@ class Link {
     char buf[512];
     ssize_t n = recv(fd_.fd, buf, sizeof buf, 0);
     if (n > 0) pending_.append(buf, static_cast<size_t>(n));
-    else if (n == 0) throw Failure{CLOSED, "the daemon closed the connection"};
+    else if (n == 0) throw Failure{CLOSED, closed()};
     else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
-      throw Failure{CLOSED, "the daemon closed the connection: " + reason()};
+      throw Failure{CLOSED, closed() + " (" + reason() + ")"};
+  }
+
+  // The message for a connection the daemon ended, with its likely cause.
+  std::string closed() const {
+    if (!daemon_accepts(last_line_)) return "the daemon closed the connection after " + last_line_ + ": " + ACCEPTED_FORMS;
+    sockaddr_in local{};
+    socklen_t size = sizeof local;
+    char text[INET_ADDRSTRLEN] = "?";
+    if (getsockname(fd_.fd, reinterpret_cast<sockaddr*>(&local), &size) == 0)
+      inet_ntop(AF_INET, &local.sin_addr, text, sizeof text);
+    return std::string("the daemon closed the connection; most likely another client connected from this one's "
+                       "address (") +
+           text + "), which drops the daemon's first client: give each client its own --source";
   }
 
   Fd fd_;
   int timeout_ms_;
   int wake_fd_ = -1;
   std::string pending_;
+  std::string last_line_;
 };
 
 bool is_final(const std::string& line) {
@@ -323,13 +379,74 @@ std::string clock_text() {
   return text;
 }
 
-int watch(Link& link, const std::string& where) {
+// --json: one object a line. The cell text is the PLMN (6 digits, or 5 in a
+// 16-character text), the tracking area (4) and the cell id less its first
+// digit (7); any other length is given whole only. NULL becomes null.
+std::string json_text(const std::string& text) {
+  if (text == "NULL") return "null";
+  std::string out = "\"";
+  for (unsigned char c : text) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (c < 0x20 || c >= 0x7F) {
+      char escaped[8];
+      snprintf(escaped, sizeof escaped, "\\u%04x", c);
+      out += escaped;
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out + "\"";
+}
+
+std::vector<std::string> split_fields(const std::string& text) {
+  std::vector<std::string> fields;
+  for (size_t start = 0;;) {
+    size_t comma = text.find(',', start);
+    fields.push_back(text.substr(start, comma - start));
+    if (comma == std::string::npos) return fields;
+    start = comma + 1;
+  }
+}
+
+std::string json_cell(const std::string& cell) {
+  size_t plmn = cell.size() == 17 ? 6 : cell.size() == 16 ? 5 : 0;
+  std::string out = ",\"cell\":" + json_text(cell);
+  for (auto [name, from, size] : {std::tuple{"plmn", size_t{0}, plmn}, {"tac", plmn, size_t{4}}, {"cell_id", plmn + 4, size_t{7}}})
+    out += std::string(",\"") + name + "\":" + (plmn == 0 ? "null" : json_text(cell.substr(from, size)));
+  return out;
+}
+
+std::string json_line(const std::string& line) {
+  char when[32];
+  time_t now = time(nullptr);
+  tm local{};
+  localtime_r(&now, &local);
+  strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%S%z", &local);
+  std::string out = std::string("{\"time\":\"") + when + "\"";
+  bool event = starts_with(line, "+CEVVMEV:"), identity = starts_with(line, "+CEVVMCMD:");
+  std::vector<std::string> f = split_fields(line.substr(line.find(':') + 1));
+  if (identity && f.size() == 3) {
+    out += ",\"imsi\":" + json_text(f[0]) + json_cell(f[1]) + ",\"duplex\":" + json_text(f[2]);
+  } else if (event && (f.size() == 2 || f.size() == 3)) {
+    out += json_cell(f[0]) + ",\"duplex\":" + json_text(f[1]);
+    if (f.size() == 3)
+      out += ",\"changed\":" + (f[2] == "0" || f[2] == "1" ? f[2] : json_text(f[2]));
+  } else {
+    out += ",\"line\":" + json_text(line);
+  }
+  return out + "}";
+}
+
+int watch(Link& link, const std::string& where, bool json) {
   expect_ok(link, "AT+CEVVMEV=1");
   // From here on every event reaches us: scripts wait for this line.
   std::cerr << "zordctl: watching " << where << std::endl;
   for (std::string line;;) {
     if (link.next_line(-1, &line) == Got::LINE) {
-      std::cout << clock_text() << line << std::endl;
+      if (json) std::cout << json_line(line) << std::endl;
+      else std::cout << clock_text() << line << std::endl;
       continue;
     }
     // Unsubscribe and read the answer before closing: the daemon may be
@@ -351,16 +468,19 @@ int run(const Options& o) {
   Link link(o);
   if (o.command == "watch") link.watch_signals(true);
   expect_ok(link, "AT+CEVVMCMD=1");
-  if (o.command == "watch") return watch(link, o.host + ":" + std::to_string(o.port));
-  if (o.command == "cell") {
-    std::cout << answer_line(ask(link, "AT+CEVVMEV?", "+CEVVMEV:"), "AT+CEVVMEV?", "+CEVVMEV:") << '\n';
-  } else if (o.command == "identity") {
-    std::cout << answer_line(ask(link, "AT+CEVVMCMD?"), "AT+CEVVMCMD?", "+CEVVMCMD:") << '\n';
+  if (o.command == "watch") return watch(link, o.host + ":" + std::to_string(o.port), o.json);
+  if (o.command == "cell" || o.command == "identity") {
+    bool cell = o.command == "cell";
+    const char* query = cell ? "AT+CEVVMEV?" : "AT+CEVVMCMD?";
+    const char* wanted = cell ? "+CEVVMEV:" : "+CEVVMCMD:";
+    std::string line = answer_line(ask(link, query, cell ? wanted : nullptr), query, wanted);
+    std::cout << (o.json ? json_line(line) : line) << '\n';
   } else {
     std::vector<std::string> lines = ask(link, o.line, nullptr, true);
     for (const auto& l : lines) std::cout << l << '\n';
     if (lines.back() != "OK" && is_final(lines.back()))
-      throw Failure{REFUSED, "the daemon answered " + lines.back() + " to " + o.line};
+      throw Failure{REFUSED, "the daemon answered " + lines.back() + " to " + o.line +
+                                 (daemon_accepts(o.line) ? "" : std::string(": ") + ACCEPTED_FORMS)};
   }
   return ANSWERED;
 }
