@@ -22,9 +22,18 @@ case "${1:-}" in
     ;;
 esac
 
-cmake --preset default >/dev/null
-cmake --build --preset default --target zord atsw-sim zordctl >/dev/null
-bin=build/default
+# Two demonstrations at once share the build: one builds, the other waits.
+mkdir -p build
+exec 9>build/.demo.lock
+flock 9
+if [ ! -f build/default/CMakeCache.txt ]; then
+  echo "== configuring build/default (the first time only)"
+  cmake --preset default >/dev/null
+fi
+echo "== building zord, atsw-sim and zordctl in build/default (about a minute the first time)"
+cmake --build --preset default --target zord atsw-sim zordctl | grep --line-buffered -E '^\[ *[0-9]+%\] Built target' || true
+flock -u 9
+bin=$PWD/build/default
 
 root=$(mktemp -d /tmp/zord-demo.XXXXXX)
 log="$root/tmp/logs/zord-vvm-app.log"
@@ -37,7 +46,22 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 130' INT TERM
 mkdir -p "$root/tmp/logs"
-export ZORD_ROOT="$root" ZORD_PORT="${ZORD_PORT:-16666}" PATH="$PWD/tools/uci-sim:$PATH"
+
+# Whether a program listens on the TCP port on this host.
+port_taken() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+
+# ZORD_PORT as given, or a free port of this run's own (another demo, or a
+# zord on 6666, may be running beside this one).
+if [ -n "${ZORD_PORT:-}" ]; then
+  if port_taken "$ZORD_PORT"; then
+    echo "demo: port $ZORD_PORT (from ZORD_PORT) is taken by another program; unset ZORD_PORT to let the demo pick a free one" >&2
+    exit 1
+  fi
+else
+  ZORD_PORT=$((20000 + $$ % 10000))
+  while port_taken "$ZORD_PORT"; do ZORD_PORT=$((ZORD_PORT + 1)); done
+fi
+export ZORD_ROOT="$root" ZORD_PORT PATH="$PWD/tools/uci-sim:$PATH"
 
 # Waits (at most 20 s) until the file holds the text.
 wait_for() {
@@ -49,21 +73,22 @@ wait_for() {
   exit 1
 }
 
-# The simulator reads control commands from a pipe held open on descriptor 3.
-mkfifo "$root/sim.ctl"
-"$bin/tools/atsw-sim/atsw-sim" <"$root/sim.ctl" >"$root/sim.out" 2>&1 &
+sim="$bin/tools/atsw-sim/atsw-sim"
+"$sim" </dev/null >"$root/sim.out" 2>&1 &
 sim_pid=$!
-exec 3>"$root/sim.ctl"
-echo "quote off" >&3
 for _ in $(seq 100); do
-  [ -S "$root/tmp/atsw12" ] && break
+  [ -S "$root/tmp/atsw-sim.ctl" ] && break
   sleep 0.1
 done
 
 echo "== zord and atsw-sim in $ZORD_ROOT, clients on port $ZORD_PORT"
-"$bin/core/zord" </dev/null >/dev/null 2>&1 &
+"$bin/core/zord" </dev/null >/dev/null 2>"$root/zord.err" &
 zord_pid=$!
 wait_for "$log" "Registration stat is"
+if grep -q "cannot bind" "$root/zord.err"; then
+  cat "$root/zord.err" >&2
+  exit 1
+fi
 
 zordctl="$bin/tools/zordctl/zordctl"
 echo "== zordctl cell"
@@ -71,28 +96,32 @@ echo "== zordctl cell"
 echo "== zordctl identity"
 "$zordctl" identity
 
-# The watcher comes from its own address: a new connection from the address
-# of the first client would drop it.
-echo "== zordctl --source 127.0.0.2 watch, while the modem changes cell, then loses service"
-"$zordctl" --source 127.0.0.2 watch >"$root/watch.out" 2>"$root/watch.err" &
+echo "== zordctl watch, while the modem changes cell, then loses service"
+"$zordctl" watch >"$root/watch.out" 2>"$root/watch.err" &
 watch_pid=$!
 wait_for "$root/watch.err" "zordctl: watching"
-echo "cell 00C1 0BEEF001" >&3
+echo "\$ atsw-sim ctl cell 00C1 0BEEF001"
+"$sim" ctl cell 00C1 0BEEF001 >/dev/null
 wait_for "$root/watch.out" "+CEVVMEV:"
-echo "deregister" >&3
+echo "\$ atsw-sim ctl deregister"
+"$sim" ctl deregister >/dev/null
 wait_for "$root/watch.out" "+CEVVMEV:NULL"
 cat "$root/watch.out"
 
-echo "== the end of $log"
-tail -n 12 "$log"
+# The log's entries without the byte dumps of the AT trace.
+echo "== the end of the daemon's log, $log (without its byte dumps)"
+grep -aE '^[0-2][0-9]:[0-5][0-9]:[0-6][0-9]\.[0-9]+ ' "$log" |
+  grep -avE '^[0-9:.]+  [0-9A-F]{2}( |$)|pStr is initialized' | tail -n 12
 
 if [ "$keep" = 1 ]; then
-  echo "register" >&3
+  "$sim" ctl register >/dev/null
   cat <<EOF
 == still running; in another shell:
    export ZORD_ROOT=$ZORD_ROOT ZORD_PORT=$ZORD_PORT
    $zordctl cell
-   echo 'cell 1A2B 01A2D101' | socat - UNIX-CONNECT:$ZORD_ROOT/tmp/atsw-sim.ctl    (needs atsw-sim's control socket, see README)
+   $zordctl watch
+   $sim ctl cell 1A2B 01A2D101
+   $sim ctl help
    tail -f $log
    Ctrl-C here stops everything.
 EOF
