@@ -65,7 +65,10 @@ int control_client(const char* name, int argc, char** argv) {
     return 2;
   }
   std::string line;
-  for (int i = 0; i < argc; ++i) line += (i ? " " : "") + std::string(argv[i]);
+  for (int i = 0; i < argc; ++i) {
+    if (i > 0) line += ' ';
+    line += argv[i];
+  }
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
   rooted_path(addr.sun_path, sizeof addr.sun_path, "/tmp/atsw-sim.ctl");
