@@ -1,6 +1,7 @@
 # The built daemon as a process: its start-up entries, the station time-out
-# its client threads log, how each signal ends it, daemon mode; and the
-# command lines and development seams that zord and zordctl refuse.
+# its client threads log, how each signal ends it, daemon mode; the command
+# lines and development seams that zord and zordctl refuse; and what hostile
+# clients and a faulty modem leave of it.
 from harness import *
 
 END = 'err: signal_handler: signal_number=%d, so app is terminated!\n'
@@ -9,6 +10,8 @@ CHILD = r'zor_listener_handler: i am child num 0 \([0-9A-F]+:\d+:\d+:1E240\) tim
 USAGE = ("Usage: %s:\n[-v 'log_severity (0-INIT, 1-ERROR, 2-WARNING, 3-INFO, 4-VERBOSE, 5-DEBUG)' ]\n[-d/--daemonize]\n"
          '[-t/--station_timeout timeout in msec for station incativity]\n[-h --help]\n')
 PORT = 'ZORD_PORT must be a port number from 1 to 65535: '
+ON, Q, EV = 'AT+CEVVMCMD=1\r\n', 'AT+CEVVMEV?\r\n', '+CEVVMEV:3104101A2B1A2D101,FDD\r\n'  # the simulator's cell
+DONE, NULL = '=== at_cmd_q_entry_rd_index', '+CEVVMEV:NULL,NULL\r\n'  # an answer written; no cell
 
 
 def test_starts_in_order_and_ends_on_each_signal_with_status_zero():
@@ -62,6 +65,50 @@ def test_zord_and_zordctl_refuse_bad_command_lines_and_unusable_seams():
             got = run_program(run, argv, env)
             assert got[0] == want[0] and all(re.fullmatch(w, g, re.S) for w, g in zip(want[1:], got[1:])), \
                 f'{argv} {env}\n  got:      {got}\n  expected: {want}'
+
+
+# Hostile clients or a faulty modem, a row each. After each row, once the
+# daemon has taken every connection, it holds the descriptors it held before
+# and a new client gets its answer. A hostile client leaves only once the
+# daemon has closed its end or answered: a write to a peer that has gone
+# raises SIGPIPE, which ends the daemon by design. The split answer is the
+# cell query's, whose final result comes whole in the second write; one cut
+# inside its final result would stop the queue for good, also by design.
+def test_survives_hostile_clients_and_a_faulty_modem_and_gives_back_every_descriptor():
+    rng, big, hosts = random.Random(16), b'AT+CEVVMEV?' + b'X' * 102387 + b'\r\n', iter(range(1, 1 << 16))  # 100 KB
+    junk = [rng.randbytes(rng.randrange(1, 999)) for _ in range(20)] + [b'GET / HTTP/1.1\r\nHost: zord\r\n\r\n'] * 10
+    rst = (socket.SOL_SOCKET, socket.SO_LINGER, b'\1' + bytes(7))  # linger on, for 0 s: the close resets
+
+    def connect(*options):  # from 127.1.x.y (the clients of Run come from 127.0.0.y), each write a segment
+        c = socket.create_connection(('127.0.0.1', road.port), WAIT, (f'127.1.{(n := next(hosts)) >> 8}.{n & 255}', 0))
+        return [c.setsockopt(*o) for o in ((socket.IPPROTO_TCP, socket.TCP_NODELAY, 1),) + options] and c
+
+    def refused(*pieces):  # not enabled: the daemon refuses the line (or the one after) and closes
+        with connect() as c, contextlib.suppress(ConnectionError):
+            [c.sendall(p) for p in pieces] and read_until(c, None)
+            assert select.select([c], [], [], 0)[0], 'the daemon did not close'
+
+    def leave():  # asks, and has gone before its answer is written
+        with connect() as c:
+            done = road.log().count(DONE)
+            expect(c, ON, 'OK\r\n', 'enabling') or c.sendall(Q.encode())
+        assert wait_until(lambda: road.log().count(DONE) > done), 'no answer'
+    hostile = [lambda: [refused(j) for j in junk], lambda: refused(big), lambda: [leave() for _ in range(30)],
+               lambda: refused(*(big[i * 128:i * 128 + 128] for i in range(800))),
+               # In tens, each ten gone before the next: the daemon listens with a queue of ten.
+               lambda: [connect(*[rst] * (i % 4 == 0)).close() or i % 10 < 9 or wait_until(idle) for i in range(100)],
+               lambda: [c.close() for c in [connect() for _ in range(12)]]]  # twelve at once; it serves ten at most
+    rows = [(a, Q, EV) for a in hostile] + [(['fail 1'], Q, NULL), (['fail 1'], 'AT+CEVVMCMD?\r\n', 'ERROR\r\n'),
+                                            (['split 50'], Q, NULL), ([], Q, EV)]  # split: the info line is overwritten
+    with Run(zord=[], sim=True) as road:
+        fds = lambda: len(os.listdir(f'/proc/{road.zord.pid}/fd'))
+        # Listening, with no connection waiting to be accepted.
+        idle = lambda: b'%04X 00000000:0000 0A 00000000:00000000' % road.port in proc(road.zord.pid, 'net/tcp')
+        base, gone = fds(), lambda: idle() and fds() == base
+        for row, (action, line, answer) in enumerate(rows):
+            road.modem(*action) if isinstance(action, list) else action()
+            assert wait_until(gone), f'row {row}: {fds()} descriptors, {base} before'
+            expect(road.clients(1)[0], line, answer, f'row {row}: {line!r}')  # and the client closes
 
 
 globals()[sys.argv[1]]()  # the case named on the command line
