@@ -17,6 +17,7 @@ def test_zordctl_reads_answers_line_by_line_and_maps_them_to_exit_statuses():
             (['cell'], ['ERROR\r\n'], '', 4, '', 'zordctl: the daemon answered ERROR to AT+CEVVMCMD=1\n'),
             (['watch'], ['OK\r\n', None], 'AT+CEVVMEV=1\r\n', 5, '',
              'zordctl: the daemon closed the connection; most likely another client connected from this one'),
+            (['cell'], [None], '', 5, '', 'zordctl: the daemon closed the connection at once: it serves ten clients'),
             (['send', 'AT'], ['OK\r\n', 'ERROR\r\n'], 'AT\r\n', 4, 'ERROR\n', 'zordctl: the daemon answered ERROR to AT: '
              'the daemon takes only lines that begin with ATE, AT+CEVVMCMD or AT+CEVVMEV and closes the connection'),
             (['--timeout=300', 'identity'], [], '', 6, '', 'zordctl: no answer to AT+CEVVMCMD=1 within 300 ms\n')]

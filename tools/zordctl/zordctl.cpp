@@ -284,6 +284,7 @@ class Link {
   };
 
   bool take_line(std::string* line) {
+    if (!pending_.empty()) answered_ = true;
     for (;;) {
       size_t end = pending_.find('\n');
       if (end == std::string::npos && pending_.size() < MAX_LINE) return false;
@@ -312,9 +313,11 @@ class Link {
     char text[INET_ADDRSTRLEN] = "?";
     if (getsockname(fd_.fd, reinterpret_cast<sockaddr*>(&local), &size) == 0)
       inet_ntop(AF_INET, &local.sin_addr, text, sizeof text);
-    return std::string("the daemon closed the connection; most likely another client connected from this one's "
-                       "address (") +
-           text + "), which drops the daemon's first client: give each client its own --source";
+    std::string same_address = std::string("another client connected from this one's address (") + text +
+                               "), which drops the daemon's first client: give each client its own --source";
+    // Before any answer: the daemon takes at most ten clients and closes the rest at once.
+    if (!answered_) return "the daemon closed the connection at once: it serves ten clients already, or " + same_address;
+    return "the daemon closed the connection; most likely " + same_address;
   }
 
   Fd fd_;
@@ -322,6 +325,7 @@ class Link {
   int wake_fd_ = -1;
   std::string pending_;
   std::string last_line_;
+  bool answered_ = false;  // the daemon has sent something
 };
 
 bool is_final(const std::string& line) {
