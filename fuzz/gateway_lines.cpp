@@ -6,9 +6,9 @@
 // for the commands in turn, NUL between.
 #include "fuzz/fuzz.h"
 
-// An answer is the echoed command, a text and the final result its length
-// picks. A result inside it would end the answer there and leave the queue an
-// answer behind (as designed): inputs that could hold one are left out.
+// An answer is the echoed command, a text and the final result that the
+// text's length picks. A result inside it would end the answer there and leave
+// the queue an answer behind (as designed): inputs that could hold one are left out.
 static const std::string RESULTS[] = {"\r\nOK\r\n", "\r\nERROR\r\n", "CME ERROR", "\r\nAOK\r\n", "\r\nNOK\r\n"};
 // Descriptor 0 takes the answers to the daemon's own command, which no client
 // can send: nothing may arrive there.

@@ -1,7 +1,7 @@
 // The modem's side: arbitrary reports through the unsolicited thread (a
 // client has subscribed), and arbitrary answers through the AT switch link to
 // one handler's commands. Input: the reports, then the answers, NUL between,
-// one read each; its first byte picks the handler.
+// one read each; its first byte picks the handler (modulo 3).
 #include "fuzz/fuzz.h"
 
 static const std::array<int, 2> out = fz::pair();
