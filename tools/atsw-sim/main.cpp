@@ -44,11 +44,16 @@ bool socket_number(const char* text, int* number) {
 
 constexpr int CTL_WAIT_MS = 5000;
 
-// The reply to one control command ends with a line "ok" or "error: ...".
-bool reply_complete(const std::string& reply) {
-  if (reply.empty() || reply.back() != '\n') return false;
+// The reply to one control command ends with a line "ok" or "error: ...";
+// its last line, empty until that line is whole.
+std::string last_line(const std::string& reply) {
+  if (reply.empty() || reply.back() != '\n') return "";
   size_t start = reply.rfind('\n', reply.size() - 2);
-  std::string last = reply.substr(start == std::string::npos ? 0 : start + 1);
+  return reply.substr(start == std::string::npos ? 0 : start + 1);
+}
+
+bool reply_complete(const std::string& reply) {
+  std::string last = last_line(reply);
   return last == "ok\n" || last.rfind("error: ", 0) == 0;
 }
 
@@ -76,6 +81,7 @@ int control_client(const char* name, int argc, char** argv) {
   if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
     fprintf(stderr, "%s ctl: cannot reach the simulator's control socket %s: %s (is atsw-sim running, with this ZORD_ROOT?)\n",
             name, addr.sun_path, strerror(errno));
+    if (fd >= 0) close(fd);
     return 2;
   }
   line += "\n";
@@ -94,7 +100,7 @@ int control_client(const char* name, int argc, char** argv) {
     fprintf(stderr, "%s ctl: no complete reply to %s", name, line.c_str());
     return 2;
   }
-  return reply.find("\nerror: ") != std::string::npos || reply.rfind("error: ", 0) == 0 ? 1 : 0;
+  return last_line(reply) == "ok\n" ? 0 : 1;
 }
 
 // Control commands typed on the terminal. A simulator started in the
