@@ -16,7 +16,6 @@
 #include <ctime>
 #include <iostream>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "zord_version.h"
@@ -374,12 +373,13 @@ void expect_ok(Link& link, const std::string& line) {
   if (lines.back() != "OK") throw Failure{REFUSED, "the daemon answered " + lines.back() + " to " + line};
 }
 
-std::string clock_text() {
+// The local time now, in a strftime format.
+std::string local_time(const char* format) {
   time_t now = time(nullptr);
   tm local{};
   localtime_r(&now, &local);
-  char text[16];
-  strftime(text, sizeof text, "%H:%M:%S ", &local);
+  char text[32];
+  strftime(text, sizeof text, format, &local);
   return text;
 }
 
@@ -416,19 +416,13 @@ std::vector<std::string> split_fields(const std::string& text) {
 
 std::string json_cell(const std::string& cell) {
   size_t plmn = cell.size() == 17 ? 6 : cell.size() == 16 ? 5 : 0;
-  std::string out = ",\"cell\":" + json_text(cell);
-  for (auto [name, from, size] : {std::tuple{"plmn", size_t{0}, plmn}, {"tac", plmn, size_t{4}}, {"cell_id", plmn + 4, size_t{7}}})
-    out += std::string(",\"") + name + "\":" + (plmn == 0 ? "null" : json_text(cell.substr(from, size)));
-  return out;
+  auto part = [&](size_t from, size_t size) { return plmn == 0 ? std::string("null") : json_text(cell.substr(from, size)); };
+  return ",\"cell\":" + json_text(cell) + ",\"plmn\":" + part(0, plmn) + ",\"tac\":" + part(plmn, 4) +
+         ",\"cell_id\":" + part(plmn + 4, 7);
 }
 
 std::string json_line(const std::string& line) {
-  char when[32];
-  time_t now = time(nullptr);
-  tm local{};
-  localtime_r(&now, &local);
-  strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%S%z", &local);
-  std::string out = std::string("{\"time\":\"") + when + "\"";
+  std::string out = "{\"time\":\"" + local_time("%Y-%m-%dT%H:%M:%S%z") + "\"";
   bool event = starts_with(line, "+CEVVMEV:"), identity = starts_with(line, "+CEVVMCMD:");
   std::vector<std::string> f = split_fields(line.substr(line.find(':') + 1));
   if (identity && f.size() == 3) {
@@ -450,7 +444,7 @@ int watch(Link& link, const std::string& where, bool json) {
   for (std::string line;;) {
     if (link.next_line(-1, &line) == Got::LINE) {
       if (json) std::cout << json_line(line) << std::endl;
-      else std::cout << clock_text() << line << std::endl;
+      else std::cout << local_time("%H:%M:%S ") << line << std::endl;
       continue;
     }
     // Unsubscribe and read the answer before closing: the daemon may be
