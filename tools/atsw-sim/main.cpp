@@ -119,7 +119,8 @@ void read_standard_input(atsw::Simulator& sim) {
     }
     std::cout << sim.control(line) << std::flush;
   }
-  if (isatty(STDIN_FILENO) && !std::cin.eof())
+  // A failed read ends std::cin as end of input does; stdin's error flag tells them apart.
+  if (isatty(STDIN_FILENO) && ferror(stdin))
     fprintf(stderr, "atsw-sim: not reading the terminal (started in the background); use: atsw-sim ctl COMMAND\n");
   // End of input: keep serving until a signal.
 }
