@@ -120,12 +120,6 @@ bool add_child(uint32_t addr, uint32_t port, int fd) {
 
 }  // namespace
 
-int is_cmd_accepted(const char* line) {
-  if (strlen(line) > CLIENT_LINE_MAX) return 0;
-  return strncasecmp(line, "ATE", 3) == 0 || strncasecmp(line, "AT+CEVVMCMD", 11) == 0 ||
-         strncasecmp(line, "AT+CEVVMEV", 10) == 0;
-}
-
 void* run_listener_thread(void*) {
   ZLOG_INFO("%s entry\n", "run_listener_thread");
 

@@ -12,6 +12,8 @@ USAGE = ("Usage: %s:\n[-v 'log_severity (0-INIT, 1-ERROR, 2-WARNING, 3-INFO, 4-V
 PORT = 'ZORD_PORT must be a port number from 1 to 65535: '
 ON, Q, EV = 'AT+CEVVMCMD=1\r\n', 'AT+CEVVMEV?\r\n', '+CEVVMEV:3104101A2B1A2D101,FDD\r\n'  # the simulator's cell
 DONE, NULL = '=== at_cmd_q_entry_rd_index', '+CEVVMEV:NULL,NULL\r\n'  # an answer written; no cell
+NO_MODEM = ('no-modem: the daemon reaches no AT switch: AT+CEVVMCMD? got ERROR and AT+CEVVMEV? '
+            '+CEVVMEV:NULL,NULL\n')
 
 
 def test_starts_in_order_and_ends_on_each_signal_with_status_zero():
@@ -26,6 +28,7 @@ def test_starts_in_order_and_ends_on_each_signal_with_status_zero():
             assert all(map(run.wait_log, ('AtThreadMain entry\n', 'zor_StartServer entry\n',
                                           'Create and wait for AT command thread listener start\n'))), 'thread entries'
             client = run.clients(1)
+            eq(run_program(run, [ZORDCTL, 'check']), (7, NO_MODEM, ''), f'{options}: no AT switch')
             assert wait_until(lambda: re.search(CHILD % timeout, run.log())), f'{options}: the client entry'
             if options == ['-d']:  # the launching process has ended; the daemon, found by its root, serves
                 eq((run.zord.wait(WAIT), len(run.rooted())), (0, 1), 'launcher status, processes in the root')
@@ -56,8 +59,8 @@ def test_zord_and_zordctl_refuse_bad_command_lines_and_unusable_seams():
                 ([ZORDCTL, '--host', 'localhost', 'cell'], {}, ctl('--host must be an IPv4 address: localhost')),
                 ([ZORDCTL, '--source'], {}, ctl('--source needs a value')),
                 ([ZORDCTL, 'send', 'AT' + 'E' * 125], {}, ctl('the LINE to send is longer than 126 characters')),
-                ([ZORDCTL, '--port', port, 'cell'], {},
-                 ctl(f'cannot connect to 127.0.0.1:{port}: Connection refused', 3)),
+                ([ZORDCTL, '--port', port, 'check'], {},
+                 (3, f'not-listening: cannot connect to 127.0.0.1:{port}: Connection .*', '')),
                 ([ZORDCTL, '--source', '192.0.2.1', '--port', port, 'cell'], {},
                  ctl('cannot bind to 192.0.2.1: Cannot assign requested address', 3)),
                 ([ZORDCTL, '--help'], {}, (0, 'usage: zordctl .*', ''))]

@@ -13,6 +13,7 @@ NEW_EV, NEW_CMD = EV.replace(CELL, NEW_CELL), CMD.replace(CELL, NEW_CELL)
 def test_each_query_gets_its_part_of_the_answer_and_the_modem_its_commands():
     # A row's line is what a client sends, or the arguments of zordctl.
     rows = [([], 'AT+CEVVMEV?\r\n', EV, CELL_QUERY), ([], 'AT+CEVVMCMD?\r\n', CMD, IMSI_QUERY + CELL_QUERY),
+            ([], ['check'], (0, f'serving: registered on {CELL}, FDD\n'), IMSI_QUERY + CELL_QUERY),
             (['deregister 4'], 'AT+CEVVMEV?\r\n', '+CEVVMEV:NULL,NULL\r\n', 'AT+CEREG?\n\r\n'),
             ([], 'AT+CEVVMCMD?\r\n', '+CEVVMCMD:310410123456789,NULL,NULL\r\nOK\r\n', IMSI_QUERY + 'AT+CEREG?\n\r\n'),
             (['register roaming', r'answer AT+COPS? \r\n+COPS: 0\r\n\r\nOK\r\n'], 'AT+CEVVMEV?\r\n', 'ERROR\r\n',

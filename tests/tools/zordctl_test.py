@@ -5,43 +5,109 @@ from harness import *  # from tests/e2e, on PYTHONPATH
 import json, pty
 
 
+GONE, TWIN, LATE, OK, ER = 'gone', 'twin', 'late', 'OK\r\n', 'ERROR\r\n'
+IMSI, CELL = '001019876543210', '3104101A2B1A2D101'
+ID = f'+CEVVMCMD:{IMSI},'
+
+
+# A stand-in daemon for one run of zordctl: the n-th line it receives gets answers[n], each piece
+# (between bars) in a write of its own; None closes the connection instead, GONE the port and the
+# connection, TWIN connects another client from zordctl's address and closes; LATE answers once
+# zordctl has exited: the connection must stay open till then, and close after the answer. Else it
+# waits for zordctl to hang up. What it received, and zordctl's exit status, output and errors.
+def stand_in(run, args, answers):
+    with socket.create_server(('127.0.0.1', 0)) as listener:
+        p = run.start([ZORDCTL] + args, {'ZORD_PORT': str(listener.getsockname()[1])}, **PIPES)
+        listener.settimeout(WAIT)
+        conn, received, twin, got = listener.accept()[0], '', None, None
+        with conn:
+            for answer in answers:
+                received += read_until(conn, '\n')
+                if answer == TWIN:
+                    twin = socket.create_connection(listener.getsockname(), WAIT,
+                                                    (conn.getpeername()[0], 0))
+                if answer == GONE:
+                    listener.close()
+                if answer == LATE:
+                    got = p.communicate(timeout=WAIT)  # its reader holds no pipe
+                    assert not select.select([conn], [], [], 0)[0], 'closed before the late answer'
+                    conn.sendall(b'+CEVVMCMD:1,A,FDD\r\nOK\r\n')
+                    conn.settimeout(WAIT)
+                    eq(conn.recv(1), b'', 'closed without a reset once the late answer was read')
+                if answer in (None, GONE, TWIN, LATE):
+                    break
+                [conn.sendall(piece.encode()) for piece in answer.split('|')]
+            else:
+                received += read_until(conn, None)
+        got = [b.decode() for b in got or p.communicate(timeout=WAIT)]
+        twin and twin.close()
+        return received, p.returncode, got[0], got[1]
+
+
 def test_zordctl_reads_answers_line_by_line_and_maps_them_to_exit_statuses():
-    rows = [(['cell'], ['OK\r\n', '\r\n+CEVVMEV:NU|LL,NULL\r\n'], 'AT+CEVVMEV?\r\n', 0, '+CEVVMEV:NULL,NULL\n', ''),
-            (['identity'], ['\r\nOK\r\n', '\r\n+CEVVMCMD:1234,A,FDD\r\n|\r\nOK\r\n'], 'AT+CEVVMCMD?\r\n', 0,
-             '+CEVVMCMD:1234,A,FDD\n', ''),
-            (['send', 'ATI'], ['OK\n', '\r\nmodel 1\r\n\r\nOK\r\n'], 'ATI\r\n', 0, 'model 1\nOK\n', ''),
+    forms = 'the daemon takes only lines that begin with ATE, AT+CEVVMCMD or AT+CEVVMEV and closes'
+    rows = [(['cell'], [OK, '\r\n+CEVVMEV:NU|LL,NULL\r\n'], 'AT+CEVVMEV?\r\n', 0,
+             '+CEVVMEV:NULL,NULL\n', ''),
+            (['identity'], ['\r\n' + OK, '\r\n+CEVVMCMD:1234,A,FDD\r\n|\r\n' + OK],
+             'AT+CEVVMCMD?\r\n', 0, '+CEVVMCMD:1234,A,FDD\n', ''),
+            (['send', 'ATI'], ['OK\n', '\r\nmodel 1\r\n\r\n' + OK], 'ATI\r\n', 0, 'model 1\nOK\n',
+             ''),
             # No final result: the information line is the whole answer.
-            (['send', 'AT+CEVVMEV?'], ['OK\r\n', '+CEVVMEV:A,TDD\r\n'], 'AT+CEVVMEV?\r\n', 0, '+CEVVMEV:A,TDD\n', ''),
-            (['send', 'ATE1'], ['OK\r\n', '+CME ERROR: 4\r\n'], 'ATE1\r\n', 4, '+CME ERROR: 4\n',
+            (['send', 'AT+CEVVMEV?'], [OK, '+CEVVMEV:A,TDD\r\n'], 'AT+CEVVMEV?\r\n', 0,
+             '+CEVVMEV:A,TDD\n', ''),
+            (['send', 'ATE1'], [OK, '+CME ERROR: 4\r\n'], 'ATE1\r\n', 4, '+CME ERROR: 4\n',
              'zordctl: the daemon answered +CME ERROR: 4 to ATE1\n'),
-            (['cell'], ['ERROR\r\n'], '', 4, '', 'zordctl: the daemon answered ERROR to AT+CEVVMCMD=1\n'),
-            (['watch'], ['OK\r\n', None], 'AT+CEVVMEV=1\r\n', 5, '',
-             'zordctl: the daemon closed the connection; most likely another client connected from this one'),
-            (['cell'], [None], '', 5, '', 'zordctl: the daemon closed the connection at once: it serves ten clients'),
-            (['send', 'AT'], ['OK\r\n', 'ERROR\r\n'], 'AT\r\n', 4, 'ERROR\n', 'zordctl: the daemon answered ERROR to AT: '
-             'the daemon takes only lines that begin with ATE, AT+CEVVMCMD or AT+CEVVMEV and closes the connection'),
-            (['--timeout=300', 'identity'], [], '', 6, '', 'zordctl: no answer to AT+CEVVMCMD=1 within 300 ms\n')]
+            (['cell'], [ER], '', 4, '', 'zordctl: the daemon answered ERROR to AT+CEVVMCMD=1\n'),
+            (['cell'], [OK, OK], 'AT+CEVVMEV?\r\n', 9, '',
+             'zordctl: the daemon answered AT+CEVVMEV? without a +CEVVMEV: line\n'),
+            (['watch'], [OK, GONE], 'AT+CEVVMEV=1\r\n', 5, '',
+             'zordctl: the daemon went away: it ended or was stopped, and nothing listens on port'),
+            (['identity'], [OK, TWIN], 'AT+CEVVMCMD?\r\n', 5, '',
+             "zordctl: the daemon closed the connection: another client connected from this one's"),
+            (['cell'], [None], '', 8, '',
+             'zordctl: the daemon closed the connection at once: it serves ten clients already\n'),
+            (['send', 'AT'], [OK, ER], 'AT\r\n', 4, 'ERROR\n',
+             'zordctl: the daemon answered ERROR to AT: ' + forms),
+            (['--timeout=300', 'identity'], [OK, LATE], 'AT+CEVVMCMD?\r\n', 6, '',
+             'zordctl: no answer to AT+CEVVMCMD? within 300 ms\n')]
     with Run() as run:
         for args, answers, sent, status, out, err in rows:
-            # A stand-in daemon: the n-th line it receives gets answers[n], each
-            # piece (between bars) in a write of its own, or with None the
-            # connection closes. After the last answer it waits for zordctl to
-            # hang up.
-            with socket.create_server(('127.0.0.1', 0)) as listener:
-                p = run.start([ZORDCTL] + args, {'ZORD_PORT': str(listener.getsockname()[1])}, **PIPES)
-                listener.settimeout(WAIT)
-                with listener.accept()[0] as conn:
-                    received = ''
-                    for answer in answers:
-                        received += read_until(conn, '\n')
-                        for piece in (answer or '').split('|'):
-                            conn.sendall(piece.encode())
-                    received += read_until(conn, None) if None not in answers else ''
-            got = [b.decode() for b in p.communicate(timeout=WAIT)]
-            eq((received, p.returncode, got[0]), ('AT+CEVVMCMD=1\r\n' + sent, status, out),
+            received, *got = stand_in(run, args, answers)
+            eq((received, got[0], got[1]), ('AT+CEVVMCMD=1\r\n' + sent, status, out),
                f'{args}: what the daemon received, exit status, standard output')
-            assert err in got[1] and (err or not got[1]), f'{args}: standard error {got[1]!r}'
+            assert err in got[2] and (err or not got[2]), f'{args}: standard error {got[2]!r}'
 
+
+# zordctl check against the stand-in: the lines of the probe in order, the exit status and the
+# one line it prints (its start; a dict: the JSON object, less the time).
+def test_zordctl_check_names_what_it_found_in_one_line_and_its_exit_status():
+    probe = ['AT+CEVVMCMD=1\r\n', 'AT+CEVVMCMD?\r\n', 'AT+CEVVMEV?\r\n']
+    parts = {'cell': CELL, 'plmn': '310410', 'tac': '1A2B', 'cell_id': '1A2D101', 'duplex': 'FDD'}
+    junk = 'x"\\\x01\x7f'
+    rows = [([], [OK, ID + CELL + ',FDD\r\n|' + OK], 0, f'serving: registered on {CELL}, FDD\n'),
+            ([], [OK, ID + 'NULL,NULL\r\n' + OK], 0, 'serving: not registered\n'),
+            ([], [OK, ER, '+CEVVMEV:NULL,NULL\r\n'], 7, 'no-modem: the daemon reaches no AT'),
+            ([], [OK, ER, ER], 4, 'modem-error: the modem answers but gives no IMSI, operator'),
+            ([], [OK, ER, '+CEVVMEV:A,FDD\r\n'], 4, 'modem-error: the modem answers but gives no'),
+            ([], [OK, ER, '+CEVVMEV:NULL\r\n'], 9, 'wrong-answer: the daemon answered +CEVVMEV:'),
+            ([], [OK, OK], 9, 'wrong-answer: the daemon answered OK to AT+CEVVMCMD?\n'),
+            ([], [OK, ID + 'NULL\r\n' + OK], 9, "wrong-answer: the daemon's answer to AT+CEVVMCMD"),
+            ([], ['+CEVVMEV:A,FDD\r\n' + OK], 9, 'wrong-answer: the daemon answered +CEVVMEV:A,'),
+            ([], [None], 8, 'full: the daemon closed the connection at once: it serves ten'),
+            ([], [OK, GONE], 5, 'closed: the daemon went away: it ended or was stopped'),
+            (['--timeout=300'], [OK, LATE], 6, 'no-answer: no answer to AT+CEVVMCMD? within 300'),
+            (['--json'], [OK, ID + CELL + ',FDD\r\n' + OK], 0,
+             dict(parts, result='serving', status=0, registered=True)),
+            (['--json'], [OK, junk + '\r\n' + OK], 9, {'result': 'wrong-answer', 'status': 9,
+             'message': f'the daemon answered {junk} to AT+CEVVMCMD?'})]
+    with Run() as run:
+        for args, answers, status, want in rows:
+            received, *got = stand_in(run, args + ['check'], answers)
+            line = json.loads(got[1]) if isinstance(want, dict) else got[1][:len(want)]
+            isinstance(want, dict) and line.pop('time')
+            eq((received, got[0], line, got[1].count('\n'), got[2]),
+               (''.join(probe[:len(answers)]), status, want, 1, ''), f'check {answers}')
+            assert IMSI not in got[1], 'check shows no IMSI'
 
 
 def test_tools_on_one_host_keep_each_other_and_speak_json():

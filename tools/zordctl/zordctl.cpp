@@ -1,38 +1,28 @@
 // zordctl: asks a running zord for its serving cell or subscriber identity,
-// watches its events, or sends it one AT command line, over its client port.
+// watches its events, sends it one AT command line, or checks the whole road
+// to the modem, over its client port. It needs only the C library.
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <signal.h>
-#include <strings.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <iostream>
-#include <string>
-#include <vector>
+#include <string_view>
 
+#include "tools/zordctl/link.h"
 #include "zord_version.h"
 
 namespace {
 
-// Exit statuses.
-enum Status { ANSWERED = 0, USAGE = 2, UNREACHABLE = 3, REFUSED = 4, CLOSED = 5, NO_ANSWER = 6 };
-
 constexpr int DEFAULT_PORT = 6666;
 constexpr int MAX_TIMEOUT_MS = 3600000;
-// Answers without a final result (AT+CEVVMEV?) end when nothing follows for this long.
-constexpr int SETTLE_MS = 500;
-// The daemon takes one receive of at most 128 characters, line end included.
-constexpr size_t MAX_SEND = 126;
-// A longer run without a line end is taken as a line of its own.
-constexpr size_t MAX_LINE = 4096;
+// Answers without a final result end when nothing follows for this long.
+constexpr Millis SETTLE_MS = 500;
 
 const char USAGE_TEXT[] =
     "usage: zordctl [--host H] [--port N] [--timeout MS] [--source ADDR] [--json] COMMAND\n"
@@ -41,136 +31,271 @@ const char USAGE_TEXT[] =
     "  identity      print the identity: +CEVVMCMD:<imsi>,<cell>,<duplex>\n"
     "  watch         print each event with the local time until interrupted\n"
     "  send LINE     send one AT command line and print its answer\n"
+    "  check         probe the daemon, the AT switch and the modem, and print one\n"
+    "                line: 'serving: registered on <cell>, <duplex>',\n"
+    "                'serving: not registered' or '<result>: <message>'\n"
     "options:\n"
     "  --host H      the daemon's IPv4 address (default 127.0.0.1)\n"
     "  --port N      its TCP port (default $ZORD_PORT, else 6666)\n"
-    "  --timeout MS  how long to wait for each answer (default 5000)\n"
+    "  --timeout MS  how long to wait for each answer, for check in all\n"
+    "                (default 5000)\n"
     "  --source ADDR the local IPv4 address to connect from (default: to a daemon\n"
     "                on 127.x.x.x, an address of this run's own in 127.0.0.0/8,\n"
     "                since a new client from the daemon's first client's address\n"
     "                drops that client)\n"
-    "  --json        cell, identity, watch: one JSON object a line, fields decoded\n"
+    "  --json        cell, identity, watch, check: one JSON object a line\n"
     "  --version     print the version and exit\n"
-    "exit status: 0 answered, 2 usage, 3 not reachable, 4 refused (ERROR),\n"
-    "             5 the daemon closed the connection, 6 no answer in time\n";
+    "exit status, and check's result:\n"
+    "  0 answered                                    serving\n"
+    "  2 usage error\n"
+    "  3 not reachable                               not-listening\n"
+    "  4 refused (ERROR); the modem gives no data    modem-error\n"
+    "  5 the daemon closed the connection            closed\n"
+    "  6 no answer in time                           no-answer\n"
+    "  7 the daemon reaches no AT switch             no-modem\n"
+    "  8 closed at once: ten clients served already  full\n"
+    "  9 an answer of the wrong shape                wrong-answer\n";
 
-// Ends the program: main prints the message (if any) and returns the status.
-struct Failure {
-  int status;
-  std::string message;
-};
+// check's result for each exit status (1 and 2 are not results).
+constexpr const char* RESULTS[] = {"serving", "", "", "not-listening", "modem-error", "closed",
+                                   "no-answer", "no-modem", "full", "wrong-answer"};
+
+enum class Command { NONE, HELP, VERSION, CELL, IDENTITY, WATCH, SEND, CHECK };
 
 struct Options {
-  std::string host = "127.0.0.1";
+  const char* host = "127.0.0.1";
   int port = DEFAULT_PORT;
   int timeout_ms = 5000;
-  std::string source;
-  std::string command;
-  std::string line;  // what `send` sends
+  const char* source = nullptr;  // null: the own choice
+  Command command = Command::NONE;
+  const char* line = nullptr;  // what `send` sends
   bool json = false;
 };
 
-using Clock = std::chrono::steady_clock;
+bool is(const char* text, const char* other) { return strcmp(text, other) == 0; }
+bool starts_with(std::string_view text, std::string_view prefix) {
+  return text.starts_with(prefix);
+}
 
-std::string reason() { return strerror(errno); }
+// ---- Output: each line built whole, then written at once.
+
+struct Out {
+  char text[8 * MAX_LINE];  // the longest line taken, every byte escaped for JSON
+  size_t size = 0;
+} out;
+
+void add(std::string_view text) {
+  size_t size = text.size() < sizeof out.text - out.size ? text.size() : sizeof out.text - out.size;
+  memcpy(out.text + out.size, text.data(), size);
+  out.size += size;
+}
+
+void addf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void addf(const char* format, ...) {
+  size_t room = sizeof out.text - out.size;
+  if (room == 0) return;
+  va_list args;
+  va_start(args, format);
+  int n = vsnprintf(out.text + out.size, room, format, args);
+  va_end(args);
+  if (n > 0) out.size += static_cast<size_t>(n) < room ? static_cast<size_t>(n) : room - 1;
+}
+
+void flush(int fd) {
+  for (size_t done = 0; done < out.size;) {
+    ssize_t n = write(fd, out.text + done, out.size - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    done += static_cast<size_t>(n);
+  }
+  out.size = 0;
+}
+
+void add_local_time(const char* format) {
+  time_t now = time(nullptr);
+  tm local{};
+  localtime_r(&now, &local);
+  char text[32];
+  add(std::string_view(text, strftime(text, sizeof text, format, &local)));
+}
+
+// ---- JSON: one object a line. NULL becomes null.
+
+void add_json(std::string_view text) {
+  if (text == "NULL") return add("null");
+  add("\"");
+  for (unsigned char c : text) {
+    if (c == '"' || c == '\\') addf("\\%c", c);
+    else if (c < 0x20 || c >= 0x7F) addf("\\u%04x", c);
+    else add(std::string_view(reinterpret_cast<const char*>(&c), 1));
+  }
+  add("\"");
+}
+
+void add_json_time() {
+  add("{\"time\":\"");
+  add_local_time("%Y-%m-%dT%H:%M:%S%z");
+  add("\"");
+}
+
+// The fields of an answer line after its colon; count goes past the three kept.
+struct Fields {
+  std::string_view at[3];
+  int count = 0;
+};
+
+Fields split(std::string_view line) {
+  Fields f;
+  size_t colon = line.find(':');
+  if (colon != std::string_view::npos) line.remove_prefix(colon + 1);
+  for (;;) {
+    size_t comma = line.find(',');
+    size_t size = comma == std::string_view::npos ? line.size() : comma;
+    if (f.count < 3) f.at[f.count] = std::string_view(line.data(), size);
+    ++f.count;
+    if (comma == std::string_view::npos) return f;
+    line.remove_prefix(comma + 1);
+  }
+}
+
+// The cell text is the PLMN (6 digits, or 5 in a 16-character text), the
+// tracking area (4) and the cell id less its first digit (7); any other
+// length is given whole only.
+void add_json_cell(std::string_view cell) {
+  size_t plmn = cell.size() == 17 ? 6 : cell.size() == 16 ? 5 : 0;
+  auto part = [&](size_t from, size_t size) {
+    plmn == 0 ? add("null") : add_json(std::string_view(cell.data() + from, size));
+  };
+  add(",\"cell\":");
+  add_json(cell);
+  add(",\"plmn\":");
+  part(0, plmn);
+  add(",\"tac\":");
+  part(plmn, 4);
+  add(",\"cell_id\":");
+  part(plmn + 4, 7);
+}
+
+void add_json_line(std::string_view line) {
+  add_json_time();
+  Fields f = split(line);
+  if (starts_with(line, "+CEVVMCMD:") && f.count == 3) {
+    add(",\"imsi\":");
+    add_json(f.at[0]);
+    add_json_cell(f.at[1]);
+    add(",\"duplex\":");
+    add_json(f.at[2]);
+  } else if (starts_with(line, "+CEVVMEV:") && (f.count == 2 || f.count == 3)) {
+    add_json_cell(f.at[0]);
+    add(",\"duplex\":");
+    add_json(f.at[1]);
+    if (f.count == 3) add(",\"changed\":");
+    bool flag = f.at[2] == "0" || f.at[2] == "1";
+    if (f.count == 3 && flag) add(f.at[2]);
+    if (f.count == 3 && !flag) add_json(f.at[2]);
+  } else {
+    add(",\"line\":");
+    add_json(line);
+  }
+  add("}\n");
+}
+
+// ---- The command line.
 
 // Digits only, so that "12x", "-1" and "+1" are refused rather than half read.
-bool parse_number(const std::string& text, int lo, int hi, int* value) {
-  if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != std::string::npos) return false;
-  int v = std::atoi(text.c_str());
+bool parse_number(const char* text, int lo, int hi, int* value) {
+  size_t size = strlen(text);
+  if (size == 0 || size > 9 || strspn(text, "0123456789") != size) return false;
+  int v = atoi(text);
   if (v < lo || v > hi) return false;
   *value = v;
   return true;
 }
 
-bool parse_ipv4(const std::string& text, in_addr* addr) { return inet_pton(AF_INET, text.c_str(), addr) == 1; }
-
-int port_number(const std::string& name, const std::string& text) {
-  int port = 0;
-  if (!parse_number(text, 1, 65535, &port))
-    throw Failure{USAGE, name + " must be a port number from 1 to 65535: " + text};
-  return port;
+int port_number(const char* name, const char* text, int* port) {
+  if (parse_number(text, 1, 65535, port)) return ANSWERED;
+  return fail(USAGE, "%s must be a port number from 1 to 65535: %s", name, text);
 }
 
-Options parse_options(int argc, char** argv) {
-  Options o;
+// One option with a value, as --name VALUE or --name=VALUE; i moves past it.
+int parse_option(int argc, char** argv, int& i, Options& o, bool& port_given) {
+  const char* arg = argv[i];
+  const char* eq = strchr(arg, '=');
+  char name[16] = {};
+  size_t size = eq == nullptr ? strlen(arg) : static_cast<size_t>(eq - arg);
+  if (size < sizeof name) memcpy(name, arg, size);
+  if (!is(name, "--host") && !is(name, "--port") && !is(name, "--timeout") && !is(name, "--source"))
+    return fail(USAGE, "unknown option: %s", arg);
+  if (eq == nullptr && i + 1 >= argc) return fail(USAGE, "%s needs a value", name);
+  const char* value = eq == nullptr ? argv[++i] : eq + 1;
+  if (is(name, "--port")) {
+    port_given = true;
+    return port_number(name, value, &o.port);
+  }
+  if (is(name, "--timeout")) {
+    if (parse_number(value, 1, MAX_TIMEOUT_MS, &o.timeout_ms)) return ANSWERED;
+    return fail(USAGE, "--timeout must be a number of milliseconds from 1 to %d: %s",
+                MAX_TIMEOUT_MS, value);
+  }
+  in_addr addr{};
+  if (inet_pton(AF_INET, value, &addr) != 1)
+    return fail(USAGE, "%s must be an IPv4 address: %s", name, value);
+  (is(name, "--host") ? o.host : o.source) = value;
+  return ANSWERED;
+}
+
+// The command and its words; --json may also come after it, but for `send`.
+int parse_command(int argc, char** argv, Options& o) {
+  if (argc == 0) return fail(USAGE, "no command given");
+  const char* name = argv[0];
+  static constexpr struct {
+    const char* name;
+    Command command;
+  } COMMANDS[] = {{"cell", Command::CELL}, {"identity", Command::IDENTITY},
+                  {"watch", Command::WATCH}, {"send", Command::SEND}, {"check", Command::CHECK}};
+  for (const auto& c : COMMANDS)
+    if (is(name, c.name)) o.command = c.command;
+  if (o.command == Command::NONE) return fail(USAGE, "unknown command: %s", name);
+  bool send = o.command == Command::SEND;
+  int words = 0;
+  for (int i = 1; i < argc; ++i) {
+    if (!send && is(argv[i], "--json")) o.json = true;
+    else if (++words == 1) o.line = argv[i];
+  }
+  if (!send) return words == 0 ? ANSWERED : fail(USAGE, "%s takes no arguments", name);
+  if (words != 1) return fail(USAGE, "send takes one LINE (quote it if it holds blanks)");
+  if (*o.line == '\0' || strpbrk(o.line, "\r\n") != nullptr)
+    return fail(USAGE, "the LINE to send must be one non-empty line");
+  if (strlen(o.line) > MAX_SEND)
+    return fail(USAGE, "the LINE to send is longer than %zu characters", MAX_SEND);
+  if (o.json) return fail(USAGE, "--json is for cell, identity, watch and check");
+  return ANSWERED;
+}
+
+int parse_options(int argc, char** argv, Options& o) {
   bool port_given = false;
   int i = 1;
   for (; i < argc && argv[i][0] == '-'; ++i) {
-    std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h" || arg == "--version") {
-      o.command = arg == "--version" ? "version" : "help";
-      return o;
+    if (is(argv[i], "--help") || is(argv[i], "-h") || is(argv[i], "--version")) {
+      o.command = is(argv[i], "--version") ? Command::VERSION : Command::HELP;
+      return ANSWERED;
     }
-    if (arg == "--json") {
+    if (is(argv[i], "--json")) {
       o.json = true;
       continue;
     }
-    size_t eq = arg.find('=');
-    std::string name = arg.substr(0, eq);
-    if (name != "--host" && name != "--port" && name != "--timeout" && name != "--source")
-      throw Failure{USAGE, "unknown option: " + arg};
-    if (eq == std::string::npos && i + 1 >= argc) throw Failure{USAGE, name + " needs a value"};
-    std::string value = eq == std::string::npos ? argv[++i] : arg.substr(eq + 1);
-    in_addr addr{};
-    if (name == "--host" || name == "--source") {
-      if (!parse_ipv4(value, &addr)) throw Failure{USAGE, name + " must be an IPv4 address: " + value};
-      (name == "--host" ? o.host : o.source) = value;
-    } else if (name == "--port") {
-      o.port = port_number(name, value);
-      port_given = true;
-    } else if (!parse_number(value, 1, MAX_TIMEOUT_MS, &o.timeout_ms)) {
-      throw Failure{USAGE, "--timeout must be a number of milliseconds from 1 to " + std::to_string(MAX_TIMEOUT_MS) +
-                               ": " + value};
-    }
+    int status = parse_option(argc, argv, i, o, port_given);
+    if (status != ANSWERED) return status;
   }
-  const char* env_port = std::getenv("ZORD_PORT");
-  if (!port_given && env_port != nullptr && *env_port != '\0') o.port = port_number("ZORD_PORT", env_port);
-
-  std::vector<std::string> words(argv + i, argv + argc);
-  if (words.empty()) throw Failure{USAGE, "no command given"};
-  if (words[0] != "send" && std::erase(words, "--json") > 0) o.json = true;  // also after the command
-  o.command = words[0];
-  if (o.command == "send") {
-    if (words.size() != 2) throw Failure{USAGE, "send takes one LINE (quote it if it holds blanks)"};
-    o.line = words[1];
-    if (o.line.empty() || o.line.find_first_of("\r\n") != std::string::npos)
-      throw Failure{USAGE, "the LINE to send must be one non-empty line"};
-    if (o.line.size() > MAX_SEND)
-      throw Failure{USAGE, "the LINE to send is longer than " + std::to_string(MAX_SEND) + " characters"};
-  } else if (o.command == "cell" || o.command == "identity" || o.command == "watch") {
-    if (words.size() != 1) throw Failure{USAGE, o.command + " takes no arguments"};
-  } else {
-    throw Failure{USAGE, "unknown command: " + o.command};
+  const char* env_port = getenv("ZORD_PORT");
+  if (!port_given && env_port != nullptr && *env_port != '\0') {
+    int status = port_number("ZORD_PORT", env_port, &o.port);
+    if (status != ANSWERED) return status;
   }
-  if (o.json && o.command == "send") throw Failure{USAGE, "--json is for cell, identity and watch"};
-  return o;
+  return parse_command(argc - i, argv + i, o);
 }
 
-// What the daemon takes from a client: any other line gets ERROR and the
-// connection closed.
-bool daemon_accepts(const std::string& line) {
-  auto begins = [&](const char* prefix) { return strncasecmp(line.c_str(), prefix, strlen(prefix)) == 0; };
-  return line.size() + 2 <= 128 && (begins("ATE") || begins("AT+CEVVMCMD") || begins("AT+CEVVMEV"));
-}
-
-const char ACCEPTED_FORMS[] =
-    "the daemon takes only lines that begin with ATE, AT+CEVVMCMD or AT+CEVVMEV and closes the connection "
-    "after any other";
-
-// A loopback address of this run's own, from 127.0.0.2 to 127.255.255.254
-// with neither 0 nor 255 last: tools on one host then never share one.
-in_addr own_loopback_address() {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  uint32_t mix = static_cast<uint32_t>(getpid()) * 2654435761u ^ static_cast<uint32_t>(now.tv_nsec) ^
-                 static_cast<uint32_t>(now.tv_sec);
-  uint32_t high = mix % 0x10000u, low = 1 + (mix >> 16) % 254;  // 127.high.low
-  if (high == 0 && low == 1) low = 2;
-  in_addr addr{};
-  addr.s_addr = htonl(0x7F000000u | high << 8 | low);
-  return addr;
-}
+// ---- Asking.
 
 // SIGINT and SIGTERM end `watch` through this pipe, so that a signal landing
 // just before poll() is not lost.
@@ -183,320 +308,260 @@ void on_signal(int) {
   errno = saved;
 }
 
-void catch_stop_signals() {
-  if (pipe(wake_pipe) != 0) throw Failure{UNREACHABLE, "cannot make a pipe: " + reason()};
+bool catch_stop_signals() {
+  if (pipe(wake_pipe) != 0) return false;
   fcntl(wake_pipe[1], F_SETFL, O_NONBLOCK);
   struct sigaction action {};
   action.sa_handler = on_signal;
   sigemptyset(&action.sa_mask);
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
+  return true;
 }
 
-enum class Got { LINE, TIME_UP, INTERRUPTED };
-
-// The connection to the daemon, read as lines.
-class Link {
- public:
-  explicit Link(const Options& o) : timeout_ms_(o.timeout_ms) {
-    std::string where = o.host + ":" + std::to_string(o.port);
-    sockaddr_in remote{};
-    remote.sin_family = AF_INET;
-    remote.sin_port = htons(static_cast<uint16_t>(o.port));
-    parse_ipv4(o.host, &remote.sin_addr);
-    fd_.fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (fd_.fd < 0) throw Failure{UNREACHABLE, "cannot make a socket: " + reason()};
-    fcntl(fd_.fd, F_SETFL, O_NONBLOCK);  // so that connect() and send() keep to the timeout
-    sockaddr_in local{};
-    local.sin_family = AF_INET;
-    if (!o.source.empty()) {
-      parse_ipv4(o.source, &local.sin_addr);
-      if (bind(fd_.fd, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0)
-        throw Failure{UNREACHABLE, "cannot bind to " + o.source + ": " + reason()};
-    } else if ((ntohl(remote.sin_addr.s_addr) >> 24) == 127) {
-      local.sin_addr = own_loopback_address();
-      // Where 127/8 is not all loopback, the system's choice will do.
-      if (bind(fd_.fd, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) local.sin_addr.s_addr = 0;
-    }
-    if (connect(fd_.fd, reinterpret_cast<sockaddr*>(&remote), sizeof remote) != 0) {
-      if (errno != EINPROGRESS) throw Failure{UNREACHABLE, "cannot connect to " + where + ": " + reason()};
-      pollfd p{fd_.fd, POLLOUT, 0};
-      int ready;
-      while ((ready = poll(&p, 1, timeout_ms_)) < 0 && errno == EINTR) {
-      }
-      if (ready == 0)
-        throw Failure{UNREACHABLE, "cannot connect to " + where + ": no answer within " + std::to_string(timeout_ms_) +
-                                       " ms"};
-      // A second connect() reports how the first ended through errno, which
-      // an emulator translates (SO_ERROR's value it may pass on untranslated).
-      if (connect(fd_.fd, reinterpret_cast<sockaddr*>(&remote), sizeof remote) != 0 && errno != EISCONN)
-        throw Failure{UNREACHABLE, "cannot connect to " + where + ": " + reason()};
-    }
-  }
-
-  int timeout_ms() const { return timeout_ms_; }
-  void watch_signals(bool on) { wake_fd_ = on ? wake_pipe[0] : -1; }
-
-  // One line per write: the daemon takes each receive as one line.
-  void send_line(const std::string& line) {
-    last_line_ = line;
-    std::string bytes = line + "\r\n";
-    for (;;) {
-      ssize_t n = send(fd_.fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-      if (n == static_cast<ssize_t>(bytes.size())) return;
-      if (n >= 0) throw Failure{CLOSED, "could not send " + line + " in one piece"};
-      if (errno == EPIPE || errno == ECONNRESET) throw Failure{CLOSED, closed()};
-      if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
-        throw Failure{CLOSED, "cannot send to the daemon: " + reason()};
-      pollfd p{fd_.fd, POLLOUT, 0};
-      if (errno != EINTR && poll(&p, 1, timeout_ms_) == 0)
-        throw Failure{NO_ANSWER, "the daemon took nothing within " + std::to_string(timeout_ms_) + " ms"};
-    }
-  }
-
-  // The next non-empty line, without CR, within wait_ms (negative: no limit).
-  // Throws when the daemon closes the connection.
-  Got next_line(int wait_ms, std::string* line) {
-    Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(wait_ms < 0 ? 0 : wait_ms);
-    for (;;) {
-      if (take_line(line)) return Got::LINE;
-      int left = -1;
-      if (wait_ms >= 0) {
-        auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        left = ms > 0 ? static_cast<int>(ms) : 0;
-      }
-      pollfd p[2] = {{fd_.fd, POLLIN, 0}, {wake_fd_, POLLIN, 0}};
-      int ready = poll(p, 2, left);
-      if (ready < 0 && errno != EINTR) throw Failure{CLOSED, "cannot wait for the daemon: " + reason()};
-      if (ready == 0) return Got::TIME_UP;
-      if (ready > 0 && (p[1].revents & POLLIN) != 0) return Got::INTERRUPTED;
-      if (ready > 0) receive();
-    }
-  }
-
- private:
-  struct Fd {
-    int fd = -1;
-    ~Fd() {
-      if (fd >= 0) close(fd);
-    }
-  };
-
-  bool take_line(std::string* line) {
-    if (!pending_.empty()) answered_ = true;
-    for (;;) {
-      size_t end = pending_.find('\n');
-      if (end == std::string::npos && pending_.size() < MAX_LINE) return false;
-      size_t size = end == std::string::npos ? MAX_LINE : end;
-      *line = pending_.substr(0, size);
-      pending_.erase(0, end == std::string::npos ? size : size + 1);
-      std::erase(*line, '\r');
-      if (!line->empty()) return true;
-    }
-  }
-
-  void receive() {
-    char buf[512];
-    ssize_t n = recv(fd_.fd, buf, sizeof buf, 0);
-    if (n > 0) pending_.append(buf, static_cast<size_t>(n));
-    else if (n == 0) throw Failure{CLOSED, closed()};
-    else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
-      throw Failure{CLOSED, closed() + " (" + reason() + ")"};
-  }
-
-  // The message for a connection the daemon ended, with its likely cause.
-  std::string closed() const {
-    if (!daemon_accepts(last_line_)) return "the daemon closed the connection after " + last_line_ + ": " + ACCEPTED_FORMS;
-    sockaddr_in local{};
-    socklen_t size = sizeof local;
-    char text[INET_ADDRSTRLEN] = "?";
-    if (getsockname(fd_.fd, reinterpret_cast<sockaddr*>(&local), &size) == 0)
-      inet_ntop(AF_INET, &local.sin_addr, text, sizeof text);
-    std::string same_address = std::string("another client connected from this one's address (") + text +
-                               "), which drops the daemon's first client: give each client its own --source";
-    // Before any answer: the daemon takes at most ten clients and closes the rest at once.
-    if (!answered_) return "the daemon closed the connection at once: it serves ten clients already, or " + same_address;
-    return "the daemon closed the connection; most likely " + same_address;
-  }
-
-  Fd fd_;
-  int timeout_ms_;
-  int wake_fd_ = -1;
-  std::string pending_;
-  std::string last_line_;
-  bool answered_ = false;  // the daemon has sent something
+// An answer as far as it is kept: the number of its lines, the first, the
+// last, and the first that begins with `wanted`.
+struct Answer {
+  const char* wanted = nullptr;
+  // send: each line is printed as it comes, and once lines came, the answer
+  // also ends when nothing more arrives for a while (some have no final result).
+  bool raw = false;
+  int count = 0;
+  bool found = false;
+  Line first, found_line, last;
 };
 
-bool is_final(const std::string& line) {
-  return line == "OK" || line == "ERROR" || line.rfind("+CME ERROR", 0) == 0 || line.rfind("+CMS ERROR", 0) == 0;
+void keep(Answer& a, const char* line) {
+  size_t size = strlen(line) + 1;
+  if (++a.count == 1) memcpy(a.first, line, size);
+  if (a.wanted != nullptr && !a.found && starts_with(line, a.wanted)) {
+    a.found = true;
+    memcpy(a.found_line, line, size);
+  }
+  memcpy(a.last, line, size);
+  if (a.raw) {
+    addf("%s\n", line);
+    flush(STDOUT_FILENO);
+  }
 }
 
-bool starts_with(const std::string& line, const char* prefix) { return line.rfind(prefix, 0) == 0; }
-
-// Sends a line and collects its answer: up to a final result line, or up to
-// the line `wanted` names (when given). With `settle`, once lines came the
-// answer also ends when nothing more arrives for a while: information-only
-// answers have no final result. No line in time is a failure.
-std::vector<std::string> ask(Link& link, const std::string& line, const char* wanted = nullptr, bool settle = false) {
-  link.send_line(line);
-  std::vector<std::string> lines;
-  Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(link.timeout_ms());
-  for (;;) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    int wait_ms = left > 0 ? static_cast<int>(left) : 0;
-    if (settle && !lines.empty() && wait_ms > SETTLE_MS) wait_ms = SETTLE_MS;
-    std::string got;
-    switch (link.next_line(wait_ms, &got)) {
+// Sends a line and reads its answer up to its end, within the deadline.
+int ask(Link& link, const char* line, Millis deadline, Answer& a) {
+  int status = send_line(link, line, deadline);
+  if (status != ANSWERED) return status;
+  for (Line got;;) {
+    Millis until = deadline;
+    if (a.raw && a.count > 0 && now_ms() + SETTLE_MS < deadline) until = now_ms() + SETTLE_MS;
+    switch (next_line(link, until, got)) {
       case Got::INTERRUPTED:
-        throw Failure{ANSWERED, ""};
+        return INTERRUPTED;
+      case Got::ENDED:
+        return connection_ended(link);
       case Got::TIME_UP:
-        if (settle && !lines.empty()) return lines;
-        throw Failure{NO_ANSWER, "no answer to " + line + " within " + std::to_string(link.timeout_ms()) + " ms"};
+        if (is_queued(link)) linger(link);
+        if (a.raw && a.count > 0) return ANSWERED;
+        return fail(NO_ANSWER, "no answer to %s within %d ms", line, link.timeout_ms);
       case Got::LINE:
-        lines.push_back(got);
-        if (is_final(got) || (wanted != nullptr && starts_with(got, wanted))) return lines;
+        keep(a, got);
+        if (ends_answer(link, got)) return ANSWERED;
     }
   }
 }
 
-// The line that starts with `wanted`; a refusal or its absence fails.
-std::string answer_line(const std::vector<std::string>& lines, const std::string& sent, const char* wanted) {
-  if (lines.back() != "OK" && is_final(lines.back()))
-    throw Failure{REFUSED, "the daemon answered " + lines.back() + " to " + sent};
-  for (const auto& l : lines)
-    if (starts_with(l, wanted)) return l;
-  throw Failure{NO_ANSWER, "the daemon answered " + sent + " without a " + wanted + " line"};
+int expect_ok(Link& link, const char* line, Millis deadline) {
+  Answer a;
+  int status = ask(link, line, deadline, a);
+  if (status != ANSWERED || is(a.last, "OK")) return status;
+  return fail(REFUSED, "the daemon answered %s to %s", a.last, line);
 }
 
-void expect_ok(Link& link, const std::string& line) {
-  std::vector<std::string> lines = ask(link, line);
-  if (lines.back() != "OK") throw Failure{REFUSED, "the daemon answered " + lines.back() + " to " + line};
+// ---- The commands.
+
+int query(Link& link, const Options& o) {
+  bool cell = o.command == Command::CELL;
+  const char* line = cell ? "AT+CEVVMEV?" : "AT+CEVVMCMD?";
+  Answer a;
+  a.wanted = cell ? "+CEVVMEV:" : "+CEVVMCMD:";
+  int status = ask(link, line, now_ms() + o.timeout_ms, a);
+  if (status != ANSWERED) return status;
+  if (is_final(a.last) && !is(a.last, "OK"))
+    return fail(REFUSED, "the daemon answered %s to %s", a.last, line);
+  if (!a.found)
+    return fail(WRONG_ANSWER, "the daemon answered %s without a %s line", line, a.wanted);
+  if (o.json) add_json_line(a.found_line);
+  else addf("%s\n", a.found_line);
+  flush(STDOUT_FILENO);
+  return ANSWERED;
 }
 
-// The local time now, in a strftime format.
-std::string local_time(const char* format) {
-  time_t now = time(nullptr);
-  tm local{};
-  localtime_r(&now, &local);
-  char text[32];
-  strftime(text, sizeof text, format, &local);
-  return text;
+int send_raw(Link& link, const Options& o) {
+  Answer a;
+  a.raw = true;
+  int status = ask(link, o.line, now_ms() + o.timeout_ms, a);
+  if (status != ANSWERED || !is_final(a.last) || is(a.last, "OK")) return status;
+  bool taken = link.sent_accepted;
+  return fail(REFUSED, "the daemon answered %s to %s%s%s", a.last, o.line, taken ? "" : ": ",
+              taken ? "" : ACCEPTED_FORMS);
 }
 
-// --json: one object a line. The cell text is the PLMN (6 digits, or 5 in a
-// 16-character text), the tracking area (4) and the cell id less its first
-// digit (7); any other length is given whole only. NULL becomes null.
-std::string json_text(const std::string& text) {
-  if (text == "NULL") return "null";
-  std::string out = "\"";
-  for (unsigned char c : text) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c < 0x20 || c >= 0x7F) {
-      char escaped[8];
-      snprintf(escaped, sizeof escaped, "\\u%04x", c);
-      out += escaped;
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out + "\"";
-}
-
-std::vector<std::string> split_fields(const std::string& text) {
-  std::vector<std::string> fields;
-  for (size_t start = 0;;) {
-    size_t comma = text.find(',', start);
-    fields.push_back(text.substr(start, comma - start));
-    if (comma == std::string::npos) return fields;
-    start = comma + 1;
-  }
-}
-
-std::string json_cell(const std::string& cell) {
-  size_t plmn = cell.size() == 17 ? 6 : cell.size() == 16 ? 5 : 0;
-  auto part = [&](size_t from, size_t size) { return plmn == 0 ? std::string("null") : json_text(cell.substr(from, size)); };
-  return ",\"cell\":" + json_text(cell) + ",\"plmn\":" + part(0, plmn) + ",\"tac\":" + part(plmn, 4) +
-         ",\"cell_id\":" + part(plmn + 4, 7);
-}
-
-std::string json_line(const std::string& line) {
-  std::string out = "{\"time\":\"" + local_time("%Y-%m-%dT%H:%M:%S%z") + "\"";
-  bool event = starts_with(line, "+CEVVMEV:"), identity = starts_with(line, "+CEVVMCMD:");
-  std::vector<std::string> f = split_fields(line.substr(line.find(':') + 1));
-  if (identity && f.size() == 3) {
-    out += ",\"imsi\":" + json_text(f[0]) + json_cell(f[1]) + ",\"duplex\":" + json_text(f[2]);
-  } else if (event && (f.size() == 2 || f.size() == 3)) {
-    out += json_cell(f[0]) + ",\"duplex\":" + json_text(f[1]);
-    if (f.size() == 3)
-      out += ",\"changed\":" + (f[2] == "0" || f[2] == "1" ? f[2] : json_text(f[2]));
-  } else {
-    out += ",\"line\":" + json_text(line);
-  }
-  return out + "}";
-}
-
-int watch(Link& link, const std::string& where, bool json) {
-  expect_ok(link, "AT+CEVVMEV=1");
+int watch(Link& link, const Options& o) {
+  int status = expect_ok(link, "AT+CEVVMEV=1", now_ms() + o.timeout_ms);
+  if (status != ANSWERED) return status;
   // From here on every event reaches us: scripts wait for this line.
-  std::cerr << "zordctl: watching " << where << std::endl;
-  for (std::string line;;) {
-    if (link.next_line(-1, &line) == Got::LINE) {
-      if (json) std::cout << json_line(line) << std::endl;
-      else std::cout << local_time("%H:%M:%S ") << line << std::endl;
-      continue;
+  addf("zordctl: watching %s:%d\n", o.host, o.port);
+  flush(STDERR_FILENO);
+  Line line;
+  Got got;
+  while ((got = next_line(link, NO_DEADLINE, line)) == Got::LINE) {
+    if (o.json) {
+      add_json_line(line);
+    } else {
+      add_local_time("%H:%M:%S ");
+      addf("%s\n", line);
     }
-    // Unsubscribe and read the answer before closing: the daemon may be
-    // writing an event, and writing to a closed connection ends it.
-    signal(SIGINT, SIG_DFL);
-    signal(SIGTERM, SIG_DFL);
-    link.watch_signals(false);
-    try {
-      ask(link, "AT+CEVVMEV=0");
-    } catch (const Failure&) {
-      // Stopping is what was asked for; a failed farewell changes nothing.
-    }
-    return ANSWERED;
+    flush(STDOUT_FILENO);
   }
+  if (got == Got::ENDED) return connection_ended(link);
+  // Unsubscribe and read the answer before closing: the daemon may be
+  // writing an event, and writing to a closed connection ends it.
+  signal(SIGINT, SIG_DFL);
+  signal(SIGTERM, SIG_DFL);
+  link.wake_fd = -1;
+  // Stopping is what was asked for; a failed farewell changes nothing.
+  expect_ok(link, "AT+CEVVMEV=0", now_ms() + o.timeout_ms);
+  return ANSWERED;
 }
 
 int run(const Options& o) {
-  if (o.command == "watch") catch_stop_signals();
-  Link link(o);
-  if (o.command == "watch") link.watch_signals(true);
-  expect_ok(link, "AT+CEVVMCMD=1");
-  if (o.command == "watch") return watch(link, o.host + ":" + std::to_string(o.port), o.json);
-  if (o.command == "cell" || o.command == "identity") {
-    bool cell = o.command == "cell";
-    const char* query = cell ? "AT+CEVVMEV?" : "AT+CEVVMCMD?";
-    const char* wanted = cell ? "+CEVVMEV:" : "+CEVVMCMD:";
-    std::string line = answer_line(ask(link, query, cell ? wanted : nullptr), query, wanted);
-    std::cout << (o.json ? json_line(line) : line) << '\n';
-  } else {
-    std::vector<std::string> lines = ask(link, o.line, nullptr, true);
-    for (const auto& l : lines) std::cout << l << '\n';
-    if (lines.back() != "OK" && is_final(lines.back()))
-      throw Failure{REFUSED, "the daemon answered " + lines.back() + " to " + o.line +
-                                 (daemon_accepts(o.line) ? "" : std::string(": ") + ACCEPTED_FORMS)};
+  bool watching = o.command == Command::WATCH;
+  if (watching && !catch_stop_signals())
+    return fail(UNREACHABLE, "cannot make a pipe: %s", strerror(errno));
+  Link link;
+  link.timeout_ms = o.timeout_ms;
+  link.wake_fd = wake_pipe[0];
+  int status = link_connect(link, o.host, o.port, o.source, now_ms() + o.timeout_ms);
+  if (status == ANSWERED) status = expect_ok(link, "AT+CEVVMCMD=1", now_ms() + o.timeout_ms);
+  if (status == ANSWERED && watching) status = watch(link, o);
+  else if (status == ANSWERED && o.command == Command::SEND) status = send_raw(link, o);
+  else if (status == ANSWERED) status = query(link, o);
+  link_close(link);
+  return status;
+}
+
+// ---- check: one probe through the client port, the queue, the command
+// server, the AT switch and the modem. The identity answer holds the IMSI,
+// which check never shows.
+
+bool is_identity(std::string_view line) {
+  Fields f = split(line);
+  return starts_with(line, "+CEVVMCMD:") && f.count == 3 && !f.at[0].empty();
+}
+
+bool is_cell(std::string_view line) {
+  Fields f = split(line);
+  return starts_with(line, "+CEVVMEV:") && f.count == 2 && !f.at[0].empty() && f.at[0] != "NULL";
+}
+
+// An answer of the wrong shape, named by a line of it, but an identity line.
+int wrong(const char* line, const char* sent) {
+  if (starts_with(line, "+CEVVMCMD:"))
+    return fail(WRONG_ANSWER, "the daemon's answer to %s is of the wrong shape (its identity "
+                "line is not shown)", sent);
+  return fail(WRONG_ANSWER, "the daemon answered %.80s to %s", line, sent);
+}
+
+// The probe itself: one line at a time, each answer read whole. `identity`
+// gets the identity line when the daemon serves.
+int probe(Link& link, Millis deadline, Line& identity) {
+  Answer on, who, where;
+  int status = ask(link, "AT+CEVVMCMD=1", deadline, on);
+  if (status != ANSWERED) return status;
+  if (!is(on.first, "OK")) return wrong(on.first, "AT+CEVVMCMD=1");
+  if ((status = ask(link, "AT+CEVVMCMD?", deadline, who)) != ANSWERED) return status;
+  bool named = is_identity(who.first);
+  if (who.count == 2 && named && is(who.last, "OK")) {
+    memcpy(identity, who.first, sizeof identity);
+    return ANSWERED;
   }
-  return ANSWERED;
+  if (who.count != 1 || !is(who.last, "ERROR"))
+    return wrong(named && who.count == 2 ? who.last : who.first, "AT+CEVVMCMD?");
+  // No identity: the cell query tells a daemon without an AT switch (it
+  // answers NULL,NULL without asking anyone) from a modem that fails.
+  if ((status = ask(link, "AT+CEVVMEV?", deadline, where)) != ANSWERED) return status;
+  if (where.count == 1 && is(where.last, "+CEVVMEV:NULL,NULL"))
+    return fail(NO_MODEM, "the daemon reaches no AT switch: AT+CEVVMCMD? got ERROR and "
+                "AT+CEVVMEV? +CEVVMEV:NULL,NULL");
+  if (where.count == 1 && (is(where.last, "ERROR") || is_cell(where.last)))
+    return fail(REFUSED, "the modem answers but gives no IMSI, operator or duplex mode: "
+                "AT+CEVVMCMD? got ERROR and AT+CEVVMEV? %.80s", where.last);
+  return wrong(where.first, "AT+CEVVMEV?");
+}
+
+void report(const Options& o, int status, std::string_view identity) {
+  Fields f = split(identity);
+  std::string_view cell = f.at[1], duplex = f.at[2];
+  bool registered = status == ANSWERED && cell != "NULL";
+  if (!o.json && status != ANSWERED) addf("%s: %s\n", RESULTS[status], failure);
+  if (!o.json && status == ANSWERED && !registered) add("serving: not registered\n");
+  if (!o.json && registered) {
+    add("serving: registered on ");
+    add(cell);
+    add(", ");
+    add(duplex);
+    add("\n");
+  }
+  if (o.json) {
+    add_json_time();
+    addf(",\"result\":\"%s\",\"status\":%d", RESULTS[status], status);
+    if (status != ANSWERED) add(",\"message\":");
+    if (status != ANSWERED) add_json(failure);
+    if (status == ANSWERED && !registered)
+      add(",\"registered\":false,\"cell\":null,\"plmn\":null,\"tac\":null,\"cell_id\":null,"
+          "\"duplex\":null");
+    if (registered) {
+      add(",\"registered\":true");
+      add_json_cell(cell);
+      add(",\"duplex\":");
+      add_json(duplex);
+    }
+    add("}\n");
+  }
+  flush(STDOUT_FILENO);
+}
+
+// --timeout bounds the whole probe. Whatever happens, one line goes to
+// standard output, and nothing to standard error.
+int check(const Options& o) {
+  Millis deadline = now_ms() + o.timeout_ms;
+  Link link;
+  link.timeout_ms = o.timeout_ms;
+  Line identity = "";
+  int status = link_connect(link, o.host, o.port, o.source, deadline);
+  if (status == ANSWERED) status = probe(link, deadline, identity);
+  link_close(link);
+  report(o, status, identity);
+  return status;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    Options o = parse_options(argc, argv);
-    if (o.command == "help" || o.command == "version") {
-      std::cout << (o.command == "help" ? USAGE_TEXT : "zordctl " ZORD_VERSION_TEXT "\n");
-      return ANSWERED;
-    }
-    return run(o);
-  } catch (const Failure& f) {
-    std::cout.flush();
-    if (!f.message.empty()) std::cerr << "zordctl: " << f.message << '\n';
-    if (f.status == USAGE) std::cerr << USAGE_TEXT;
-    return f.status;
+  Options o;
+  int status = parse_options(argc, argv, o);
+  if (status == USAGE) {
+    addf("zordctl: %s\n%s", failure, USAGE_TEXT);
+    flush(STDERR_FILENO);
+    return USAGE;
   }
+  if (o.command == Command::HELP || o.command == Command::VERSION) {
+    add(o.command == Command::HELP ? USAGE_TEXT : "zordctl " ZORD_VERSION_TEXT "\n");
+    flush(STDOUT_FILENO);
+    return ANSWERED;
+  }
+  if (o.command == Command::CHECK) return check(o);
+  status = run(o);
+  if (status == INTERRUPTED) return ANSWERED;
+  if (status != ANSWERED) addf("zordctl: %s\n", failure);
+  flush(STDERR_FILENO);
+  return status;
 }
