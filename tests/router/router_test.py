@@ -190,7 +190,8 @@ mkdir() { :; }
             ({'station_timeout': '25m'}, [zord, watchdog, log], "logger -t zord station_timeout '25m' is not"),
             ({'check_interval': '0', 'log_max_kb': '0'}, [zord], ''),
             ({'check_failures': 'x', 'log_max_kb': '64'}, [zord, watchdog, log.replace('4096', '64')],
-             "logger -t zord check_failures 'x' is not a whole number; using 3")]
+             "logger -t zord check_failures 'x' is not a whole number of at least 1; using 3"),
+            ({'check_timeout': '0'}, [zord, watchdog, log], "logger -t zord check_timeout '0' is not")]
     for config, instances, said in rows:
         got = subprocess.run([BUSYBOX, 'sh', '-c', procd, '-', f'{FILES}/zord.init'], capture_output=True,
                              text=True, env={f'ZORD_CONFIG_{k}': v for k, v in config.items()})
