@@ -94,7 +94,6 @@ TEST_F(Listener, AnswersTheSwitchCommandsAndRefusesOtherLines) {
   } rows[] = {
       {{{"at+cevvmcmd=1\r\n", OK}}, false},
       {{{"AT+CEVVMEV?\r\n", ERROR}, {ON, OK}}, false},
-      {{{"ate0\r\n", ERROR}, {ON, OK}}, false},
       {{{"AT+CEVVMEV?" + std::string(115, 'X') + "\r\n", ERROR}, {ON, OK}}, false},  // 128 characters
       {{{"AT+CEVVMEV?" + std::string(116, 'X') + "\r\n", ERROR}}, true},
       {{{"AT+CSQ\r\n", ERROR}}, true},
@@ -119,14 +118,11 @@ TEST_F(Listener, AnswersTheSwitchCommandsAndRefusesOtherLines) {
   }
 }
 
-TEST_F(Listener, TakesTenClientsAndClosesTheEleventh) {
-  std::vector<std::unique_ptr<zt::Client>> clients;
-  for (int host = 2; host < 12; ++host) clients.push_back(client(host));
-  zt::Client eleventh(port_, "127.0.0.12");
-  EXPECT_TRUE(eleventh.connected() && eleventh.closed_by_peer());
-  EXPECT_EQ(clients[9]->request(ON, OK), OK);
-  // Each served socket probes an idle peer: after 10 s, 3 times, 10 s apart.
-  int fd = relaxed_load(childs[slot_of(*clients[0])].connfd);
+// Ten clients at most shows through the daemon (tests/e2e, tests/router).
+// Each served socket probes an idle peer: after 10 s, 3 times, 10 s apart.
+TEST_F(Listener, ServedSocketsProbeAnIdlePeer) {
+  auto c = client(2);
+  int fd = relaxed_load(childs[slot_of(*c)].connfd);
   for (auto [level, name, value] : {std::array{SOL_SOCKET, SO_KEEPALIVE, 1}, {IPPROTO_TCP, TCP_KEEPIDLE, 10},
                                     {IPPROTO_TCP, TCP_KEEPCNT, 3}, {IPPROTO_TCP, TCP_KEEPINTVL, 10}}) {
     int got = 0;
