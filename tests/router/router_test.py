@@ -29,8 +29,8 @@ class Router(Run):
     def __init__(self, watchdog=CHECK, sim=True, hold_port=False):
         super().__init__(sim=sim)
         try:
-            os.makedirs(self.root + '/var/run')
-            os.makedirs(self.root + '/bin')
+            for folder in ('/var/run', '/bin'):
+                os.makedirs(self.root + folder)
             with open(self.root + '/bin/zordctl', 'w') as f:  # zordctl as the watchdog finds it
                 f.write('#!/bin/sh\nexec %s "$@"\n' % ' '.join(LAUNCHER + [ZORDCTL]))
             os.chmod(self.root + '/bin/zordctl', 0o755)
@@ -114,7 +114,6 @@ def restarted(wedge, cause, **router):
         assert wait_until(lambda: r.status()['check']['result'] == 'serving'), 'the next probe'
         status = r.status()
         eq((status['restarts'], status['restart_cause']), (1, cause), 'ubus call zord status')
-        assert 'imsi' not in json.dumps(status) and '310410123456789' not in json.dumps(status)
 
 
 def test_restarts_zord_for_a_silent_modem(): restarted(silent_modem, 'no-answer')
@@ -151,15 +150,15 @@ def test_no_restart_out_of_coverage_nor_before_the_switch_is_there():
 def test_the_log_stays_within_its_budget_and_keeps_the_newest_entries():
     budget = 1024 * 1024
     with Router(watchdog=['log', '--max-kb', '1024']) as r:
-        log, [client], most = r.root + '/tmp/logs/zord-vvm-app.log', r.clients(1), 0
+        log, [client], sizes = r.root + '/tmp/logs/zord-vvm-app.log', r.clients(1), []
         size = lambda path: os.path.getsize(path) if os.path.exists(path) else 0
-        deadline = time.monotonic() + 10 * WAIT
-        while r.status()['log']['rotations'] < 2 and time.monotonic() < deadline:
+
+        def loaded():  # one query more; the pauses between keep the log below 384 KB a second
             expect(client, 'AT+CEVVMEV?\r\n', EV, 'a query under load')
-            most = max(most, size(log) + size(log + '.1'))
-            time.sleep(0.005)  # about 150 KB of log a second, below the 384 KB a second the budget allows
-        eq(r.status()['log']['max_bytes'], budget, 'the budget')
-        assert r.status()['log']['rotations'] >= 2 and most <= budget, f'{most} bytes'
+            sizes.append(size(log) + size(log + '.1'))
+            return r.status()['log']['rotations'] >= 2
+        assert wait_until(loaded, 10 * WAIT), 'fewer than two rotations'
+        eq((r.status()['log']['max_bytes'], max(sizes) <= budget), (budget, True), f'{max(sizes)} bytes')
         kept = open(log + '.1', encoding='latin-1').read()
         assert len(kept) <= budget // 8 and re.match(r'\d\d:\d\d:\d\d\.\d{3} ', kept) and kept.endswith('\n')
         expect(client, 'AT+CEVVMEV?\r\n', EV, 'zord answers on')
@@ -167,13 +166,14 @@ def test_the_log_stays_within_its_budget_and_keeps_the_newest_entries():
 
 
 def test_the_rpcd_plugin_and_the_service_script_as_the_router_runs_them():
-    env = dict(os.environ, ZORD_ROOT=tempfile.mkdtemp(prefix='zord'))
-    eq(json.loads(sh('zord.rpcd', ['list'], env)[1]), {'status': {}}, 'list')
-    eq(json.loads(sh('zord.rpcd', ['call', 'status'], env, '{}')[1])['check'], None, 'status before a check')
+    with Run() as run:
+        eq(json.loads(sh('zord.rpcd', ['list'], run.env)[1]), {'status': {}}, 'list')
+        eq(json.loads(sh('zord.rpcd', ['call', 'status'], run.env, '{}')[1])['check'], None, 'before a check')
     # What /etc/rc.common and procd give the script, as far as it uses them:
     # an instance comes out as a line. Options come from ZORD_CONFIG_<name>.
     procd = '''config_load() { :; }
 config_get() { eval "$1=\\${ZORD_CONFIG_$3:-$4}"; }
+config_get_bool() { config_get "$@"; }
 procd_open_instance() { instance="[$1]"; }
 procd_set_param() { instance="$instance $*;"; }
 procd_append_param() { shift; instance="${instance%;} $*;"; }
@@ -181,7 +181,8 @@ procd_close_instance() { echo "$instance"; }
 logger() { echo "logger $*" >&2; }
 mkdir() { :; }
 . "$1"; start_service'''
-    zord = '[zord] command /usr/sbin/zord; respawn 3600 5 0; stderr 1; pidfile /var/run/zord.pid;'
+    zord = ('[zord] command /usr/libexec/zord-watchdog start --wait 60 /usr/sbin/zord; respawn 3600 5 0;'
+            ' stderr 1; pidfile /var/run/zord.pid;')
     watchdog = ('[watchdog] command /usr/libexec/zord-watchdog check --interval 30 --failures 3 --timeout 10000'
                 ' --restart-interval 300; respawn 3600 5 0; stderr 1;')
     log = '[log] command /usr/libexec/zord-watchdog log --max-kb 4096; respawn 3600 5 0; stderr 1;'
@@ -191,12 +192,81 @@ mkdir() { :; }
             ({'check_interval': '0', 'log_max_kb': '0'}, [zord], ''),
             ({'check_failures': 'x', 'log_max_kb': '64'}, [zord, watchdog, log.replace('4096', '64')],
              "logger -t zord check_failures 'x' is not a whole number of at least 1; using 3"),
-            ({'check_timeout': '0'}, [zord, watchdog, log], "logger -t zord check_timeout '0' is not")]
+            ({'check_timeout': '0'}, [zord, watchdog, log], "logger -t zord check_timeout '0' is not"),
+            ({'enabled': '0'}, [], '')]
     for config, instances, said in rows:
         got = subprocess.run([BUSYBOX, 'sh', '-c', procd, '-', f'{FILES}/zord.init'], capture_output=True,
                              text=True, env={f'ZORD_CONFIG_{k}': v for k, v in config.items()})
         eq((got.stdout.splitlines(), got.stderr[:len(said) or None]), (instances, said), config)
-    shutil.rmtree(env['ZORD_ROOT'])
+
+
+def test_zord_starts_once_the_switch_sockets_are_there_or_after_its_wait():
+    for when, gave_up in ('before', False), ('later', False), ('never', True):
+        with Run() as run:
+            config, syslog = run.root + '/etc/atswitch_config/atswitch_ecm_config.csv', run.root + '/syslog'
+            os.makedirs(os.path.dirname(config))
+            open(config, 'w').write('11,CUSTOM2,commands\n12,VVMUNSOL,reports\n')
+            sockets = [socket.socket(socket.AF_UNIX) for _ in (11, 12)]
+            bind = lambda: [s.bind(f'{run.root}/tmp/atsw{n}') for s, n in zip(sockets, (11, 12))]
+            if when == 'before':
+                bind()
+            p = subprocess.Popen([BUSYBOX, 'sh', FILES + '/zord.watchdog', 'start', '--wait', '2', BUSYBOX,
+                                  'echo', 'zord'], env=dict(run.env, PATH=STANDINS + ':' + run.env['PATH']),
+                                 stdout=subprocess.PIPE, text=True)
+            if when == 'later':
+                assert not wait_until(lambda: p.poll() is not None, 0.5), 'it did not wait'
+                bind()
+            said = ("-t zord -p daemon.notice start: the AT switch's sockets (named in"
+                    f" {config}) are not there after 2 s; starting zord without them\n") if gave_up else ''
+            out = p.communicate(timeout=WAIT)[0]
+            eq((out, open(syslog).read() if os.path.exists(syslog) else ''), ('zord\n', said), when)
+
+
+def test_the_hotplug_script_hands_the_wan_addresses_to_zord():
+    v4, v6 = "\toption ipv4_addr '%s'\n", "\toption ipv6_addr_global '2001:db8::1'\n"
+    # netifd's event, the address its interface has then (None: none), and what /tmp/wan holds.
+    rows = [('ifup', 'wan', '10.0.0.1', v4 % '10.0.0.1'),
+            ('ifup', 'wan6', '2001:db8::1', v4 % '10.0.0.1' + v6),
+            ('ifupdate', 'wan', '10.0.0.2', v4 % '10.0.0.2' + v6),
+            ('ifup', 'lan', '10.9.9.9', v4 % '10.0.0.2' + v6),  # not a WAN interface: nothing written
+            ('ifdown', 'wan', None, v6)]
+    # A report after a new address says changed; one with a new cell and the same addresses not.
+    reports = [(None, 'cell 00C1 0BEEF001', '31041000C1BEEF001', 1),  # the first to find both
+               ('10.0.0.3', 'report', '31041000C1BEEF001', 1),
+               (None, 'cell 1A2B 01A2D101', '3104101A2B1A2D101', 0)]
+    with Run(zord=[], sim=True) as road:
+        os.makedirs(road.root + '/lib/functions')
+        with open(road.root + '/lib/functions/network.sh', 'w') as f:  # the platform's helpers, from files
+            f.write('network_get_ipaddr() { read -r "$1" 2>/dev/null <"$ZORD_ROOT/$2.address"; }\n'
+                    'network_get_ipaddr6() { network_get_ipaddr "$@"; }\n')
+
+        def event(action, interface, address):  # the address changes, then netifd runs the script
+            with open(f'{road.root}/{interface}.address', 'w') as f:
+                f.write(address or '')
+            sh('zord.hotplug', [], dict(road.env, ACTION=action, INTERFACE=interface))
+            return open(road.root + '/tmp/wan').read()
+        for action, interface, address, options in rows:
+            eq(event(action, interface, address), "config status 'status'\n" + options, (action, interface))
+        [subscriber] = road.clients(1)
+        expect(subscriber, 'AT+CEVVMEV=1\r\n', 'OK\r\n', 'subscribing')
+        event('ifup', 'wan', '10.0.0.1')
+        for address, control, cell, changed in reports:
+            if address:
+                event('ifupdate', 'wan', address)
+            road.modem(control)
+            expect(subscriber, None, f'+CEVVMEV:{cell},FDD,{changed}\r\n', control)
+
+
+def test_each_install_component_puts_its_files_and_no_uci_in_a_bin():
+    def installed(*component):
+        with tempfile.TemporaryDirectory() as stage:
+            subprocess.run(['cmake', '--install', os.environ['ZT_BUILD'], '--prefix', stage, *component],
+                           check=True, capture_output=True)
+            return sorted(os.path.relpath(os.path.join(d, f), stage) for d, _, fs in os.walk(stage) for f in fs)
+    eq(installed('--component', 'runtime'),
+       ['bin/zordctl', 'sbin/zord', 'share/man/man1/zordctl.1', 'share/man/man8/zord.8'], 'runtime')
+    eq(installed(), ['bin/atsw-sim', 'bin/zordctl', 'libexec/zord/uci', 'sbin/zord', 'share/doc/zord/LICENSE',
+                     'share/man/man1/atsw-sim.1', 'share/man/man1/zordctl.1', 'share/man/man8/zord.8'], 'all')
 
 
 globals()[sys.argv[1]]()  # the case named on the command line

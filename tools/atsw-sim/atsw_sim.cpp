@@ -35,6 +35,7 @@ struct Model {
   bool spaced = false;  // a blank after each comma
   std::map<std::string, std::string> raw;  // command (upper case) -> answer bytes
   bool autoreport = true;
+  std::string wan4, wan6;  // the router's WAN addresses in /tmp/wan; empty: none
 };
 
 struct Faults {
@@ -347,14 +348,8 @@ struct Simulator::Impl {
     }
     if (cmd == "wan4" || cmd == "wan6") {
       if (args.size() != 1) return "error: " + cmd + " takes ADDRESS or none\n";
-      std::string file = uci_value_path(cmd == "wan4" ? "/tmp/wan.status.ipv4_addr" : "/tmp/wan.status.ipv6_addr_global");
-      if (args[0] == "none") {
-        unlink(file.c_str());
-        return "ok\n";
-      }
-      std::ofstream out(file, std::ios::trunc);
-      out << args[0] << "\n";
-      return out ? "ok\n" : "error: cannot write " + file + "\n";
+      (cmd == "wan4" ? model.wan4 : model.wan6) = args[0] == "none" ? "" : args[0];
+      return write_wan();
     }
     if (cmd == "record") {
       std::string out;
@@ -374,7 +369,17 @@ struct Simulator::Impl {
     return "error: unknown command '" + cmd + "' (try help)\n";
   }
 
-  std::string uci_value_path(const std::string& key) const { return path("/uci") + key; }
+  // The router's uci file of WAN addresses, as its network scripts leave it;
+  // the fake uci reads it as the router's uci does.
+  std::string write_wan() {
+    std::string file = path("/tmp/wan");
+    std::ofstream out(file, std::ios::trunc);
+    out << "config status 'status'\n";
+    if (!model.wan4.empty()) out << "\toption ipv4_addr '" << model.wan4 << "'\n";
+    if (!model.wan6.empty()) out << "\toption ipv6_addr_global '" << model.wan6 << "'\n";
+    out.flush();
+    return out ? "ok\n" : "error: cannot write " + file + "\n";
+  }
 
   // --- serving -------------------------------------------------------------
 
