@@ -76,8 +76,13 @@ def query_latency(rig, count, pause):
             raise BenchError("%r answered %r" % (line, got))
         out[line] = ([], [])
     round_trips = []
+    # The log's size before each query: what it grew by until the next one
+    # is that query's. The floor's round trips in between give the daemon
+    # time to write the entries that follow an answer.
+    sizes = []
     for _ in range(count):
         for line, answer, cmds in rows:
+            sizes.append((line, rig.log_bytes()))
             t0 = now()
             client.send(line)
             _, (t1,) = client.read_until([answer])
@@ -85,13 +90,16 @@ def query_latency(rig, count, pause):
             round_trips += trips
             out[line][0].append(t1 - t0)
             out[line][1].append(pause + sum(trips))
+    sizes.append((None, rig.log_bytes()))
     rig.close_clients([client])
     link.close()
     result = {"round_trip": median(round_trips)}
     for name, line in (("ev", EV_QUERY), ("cmd", CMD_QUERY)):
         times, floors = out[line]
+        grown = [b[1] - a[1] for a, b in zip(sizes, sizes[1:]) if a[0] == line]
         result[name] = {"median": median(times), "p99": p99(times),
-                        "floor_median": median(floors), "floor_p99": p99(floors)}
+                        "floor_median": median(floors), "floor_p99": p99(floors),
+                        "log_bytes": median(grown)}
     return result
 
 
@@ -101,10 +109,23 @@ def start_hog(seconds):
     return subprocess.Popen([sys.executable, "-c", code])
 
 
+def settled_log_bytes(rig, quiet=0.2):
+    """The log's size once it has not grown for `quiet` seconds."""
+    size, since = rig.log_bytes(), now()
+    deadline = since + 5.0
+    while now() - since < quiet and now() < deadline:
+        time.sleep(0.01)
+        if rig.log_bytes() != size:
+            size, since = rig.log_bytes(), now()
+    return size
+
+
 def throughput(rig, seconds, hog=False):
     """Ten clients, each sending AT+CEVVMEV? as soon as its last answer is in.
-    Returns answers per second, and the daemon's memory while they are
-    connected."""
+    Returns answers per second, the daemon's memory while they are
+    connected, and its log: bytes per answer over all the answers the run
+    caused (the last ones, after the time is up, included), and bytes per
+    second while the time ran."""
     clients = [rig.client(source) for source in CLIENTS]
     for c in clients:  # once each, so that every client thread has run a query
         c.request(EV_QUERY, "\r\n")
@@ -119,11 +140,12 @@ def throughput(rig, seconds, hog=False):
             c.sock.setblocking(False)
             sel.register(c.sock, selectors.EVENT_READ, c)
             buffers[c] = b""
+        log_start = settled_log_bytes(rig)
         start = now()
         deadline = start + seconds
         for c in clients:
             c.sock.send(EV_QUERY.encode())
-        answers, waiting = 0, len(clients)
+        answers, waiting, log_at_end = 0, len(clients), None
         while waiting:
             if now() > deadline + 20:
                 raise BenchError("throughput: answers stopped coming")
@@ -140,8 +162,11 @@ def throughput(rig, seconds, hog=False):
                         answers += 1
                         c.sock.send(EV_QUERY.encode())
                     else:
+                        if log_at_end is None:
+                            log_at_end = (rig.log_bytes(), t)
                         waiting -= 1
         sel.close()
+        log_after = settled_log_bytes(rig)
     finally:
         if hog_proc:
             hog_proc.kill()
@@ -149,7 +174,9 @@ def throughput(rig, seconds, hog=False):
     for c in clients:
         c.sock.setblocking(True)
     rig.close_clients(clients)
-    return {"per_s": answers / seconds, "memory": memory}
+    return {"per_s": answers / seconds, "memory": memory,
+            "log_bytes": (log_after - log_start) / (answers + len(clients)),
+            "log_per_s": (log_at_end[0] - log_start) / (log_at_end[1] - start)}
 
 
 def event_latency(rig, count):

@@ -139,14 +139,14 @@ class LogWatch:
         self.path = path
         self.offset = 0
 
-    def _size(self):
+    def size(self):
         try:
             return os.path.getsize(self.path)
         except OSError:
             return 0
 
     def mark(self):
-        self.offset = self._size()
+        self.offset = self.size()
 
     def since_mark(self):
         try:
@@ -219,6 +219,11 @@ class Rig:
     # --- start and stop -----------------------------------------------------
 
     def start(self):
+        self.start_sim()
+        self.start_zord()
+
+    def start_sim(self):
+        """The root, the port, the environment and the simulator."""
         self.root = tempfile.mkdtemp(prefix="zb", dir="/tmp")
         os.makedirs(self.root + "/tmp/logs")
         self.port = free_port()
@@ -237,6 +242,8 @@ class Rig:
         self.ctl_sock.connect(ctl)
         self.ctl("quote off")
         self.log = LogWatch(self.root + LOG)
+
+    def start_zord(self):
         launcher = [word.format(root=self.root) for word in self.launcher]
         self.zord = subprocess.Popen(launcher + [self.bindir + "/core/zord"], env=self.env,
                                      stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
@@ -278,6 +285,10 @@ class Rig:
     @property
     def pid(self):
         return self.zord.pid
+
+    def log_bytes(self):
+        """The size of the daemon's log now."""
+        return self.log.size()
 
     # --- the simulator --------------------------------------------------------
 
