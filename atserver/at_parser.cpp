@@ -34,8 +34,24 @@ namespace {
 //                                   28-30 param_body: lead_list | values | trail_list
 //                                      31 param_list: param_body
 enum Nonterminal {
-  INPUT, LINE, BARE_AT, CMD_READ, EV_SET, EV_READ, EV_TEST, TEXT_VALUE, EMPTY_QUOTES,
-  QUOTED_VALUE, VALUE, COMMA_NT, COMMAS, VALUES, LEAD_LIST, TRAIL_LIST, PARAM_BODY, PARAM_LIST,
+  INPUT,
+  LINE,
+  BARE_AT,
+  CMD_READ,
+  EV_SET,
+  EV_READ,
+  EV_TEST,
+  TEXT_VALUE,
+  EMPTY_QUOTES,
+  QUOTED_VALUE,
+  VALUE,
+  COMMA_NT,
+  COMMAS,
+  VALUES,
+  LEAD_LIST,
+  TRAIL_LIST,
+  PARAM_BODY,
+  PARAM_LIST,
 };
 
 struct Production {
@@ -44,11 +60,13 @@ struct Production {
 };
 constexpr Production PRODUCTIONS[] = {
     {INPUT, 0},  // unused
-    {INPUT, 0}, {INPUT, 2}, {INPUT, 3}, {LINE, 1}, {LINE, 1}, {LINE, 1}, {LINE, 1}, {LINE, 1}, {LINE, 1},
-    {BARE_AT, 2}, {CMD_READ, 4}, {EV_SET, 5}, {EV_READ, 4}, {EV_TEST, 4}, {TEXT_VALUE, 1},
-    {EMPTY_QUOTES, 2}, {QUOTED_VALUE, 3}, {VALUE, 1}, {VALUE, 1}, {VALUE, 1}, {COMMA_NT, 1},
-    {COMMAS, 1}, {COMMAS, 2}, {VALUES, 1}, {VALUES, 3}, {LEAD_LIST, 2}, {TRAIL_LIST, 2},
-    {PARAM_BODY, 1}, {PARAM_BODY, 1}, {PARAM_BODY, 1}, {PARAM_LIST, 1},
+    {INPUT, 0},        {INPUT, 2},        {INPUT, 3},      {LINE, 1},       {LINE, 1},
+    {LINE, 1},         {LINE, 1},         {LINE, 1},       {LINE, 1},       {BARE_AT, 2},
+    {CMD_READ, 4},     {EV_SET, 5},       {EV_READ, 4},    {EV_TEST, 4},    {TEXT_VALUE, 1},
+    {EMPTY_QUOTES, 2}, {QUOTED_VALUE, 3}, {VALUE, 1},      {VALUE, 1},      {VALUE, 1},
+    {COMMA_NT, 1},     {COMMAS, 1},       {COMMAS, 2},     {VALUES, 1},     {VALUES, 3},
+    {LEAD_LIST, 2},    {TRAIL_LIST, 2},   {PARAM_BODY, 1}, {PARAM_BODY, 1}, {PARAM_BODY, 1},
+    {PARAM_LIST, 1},
 };
 
 constexpr int END = 0;
@@ -121,16 +139,16 @@ struct Goto {
   int to;
 };
 constexpr Goto GOTOS[] = {
-    {0, INPUT, 1},          {1, LINE, 5},            {1, BARE_AT, 6},         {1, CMD_READ, 7},
-    {1, EV_SET, 8},         {1, EV_READ, 9},         {1, EV_TEST, 10},        {16, PARAM_LIST, 23},
-    {16, PARAM_BODY, 24},   {16, LEAD_LIST, 25},     {16, TRAIL_LIST, 26},    {16, VALUES, 27},
-    {16, COMMAS, 28},       {16, COMMA_NT, 29},      {16, VALUE, 30},         {16, TEXT_VALUE, 31},
-    {16, QUOTED_VALUE, 32}, {16, EMPTY_QUOTES, 33},  {21, TEXT_VALUE, 37},    {27, COMMAS, 39},
-    {27, COMMA_NT, 29},     {28, VALUES, 40},        {28, COMMA_NT, 41},      {28, VALUE, 30},
-    {28, TEXT_VALUE, 31},   {28, QUOTED_VALUE, 32},  {28, EMPTY_QUOTES, 33},  {39, VALUE, 43},
-    {39, COMMA_NT, 41},     {39, TEXT_VALUE, 31},    {39, QUOTED_VALUE, 32},  {39, EMPTY_QUOTES, 33},
-    {40, COMMAS, 44},       {40, COMMA_NT, 29},      {44, VALUE, 43},         {44, COMMA_NT, 41},
-    {44, TEXT_VALUE, 31},   {44, QUOTED_VALUE, 32},  {44, EMPTY_QUOTES, 33},
+    {0, INPUT, 1},          {1, LINE, 5},           {1, BARE_AT, 6},        {1, CMD_READ, 7},
+    {1, EV_SET, 8},         {1, EV_READ, 9},        {1, EV_TEST, 10},       {16, PARAM_LIST, 23},
+    {16, PARAM_BODY, 24},   {16, LEAD_LIST, 25},    {16, TRAIL_LIST, 26},   {16, VALUES, 27},
+    {16, COMMAS, 28},       {16, COMMA_NT, 29},     {16, VALUE, 30},        {16, TEXT_VALUE, 31},
+    {16, QUOTED_VALUE, 32}, {16, EMPTY_QUOTES, 33}, {21, TEXT_VALUE, 37},   {27, COMMAS, 39},
+    {27, COMMA_NT, 29},     {28, VALUES, 40},       {28, COMMA_NT, 41},     {28, VALUE, 30},
+    {28, TEXT_VALUE, 31},   {28, QUOTED_VALUE, 32}, {28, EMPTY_QUOTES, 33}, {39, VALUE, 43},
+    {39, COMMA_NT, 41},     {39, TEXT_VALUE, 31},   {39, QUOTED_VALUE, 32}, {39, EMPTY_QUOTES, 33},
+    {40, COMMAS, 44},       {40, COMMA_NT, 29},     {44, VALUE, 43},        {44, COMMA_NT, 41},
+    {44, TEXT_VALUE, 31},   {44, QUOTED_VALUE, 32}, {44, EMPTY_QUOTES, 33},
 };
 
 constexpr int ACCEPT_STATE = 1;
@@ -246,24 +264,37 @@ void Parser::act(int production, const Entry* rhs) {
       error_status_ = 0;
       lookahead_ = EMPTY;
       break;
-    case 10: zorSrv_SendResponse(RESULT_OK); break;
-    case 11: zorSrv_HandleReadCEVVMCMD(); break;
+    case 10:
+      zorSrv_SendResponse(RESULT_OK);
+      break;
+    case 11:
+      zorSrv_HandleReadCEVVMCMD();
+      break;
     case 12:
       if (gATParser_Num_Params == 1) zorSrv_HandleSetCEVVMEV(event_of_first_value());
       break;
-    case 13: zorSrv_HandleReadCEVVMEV(); break;
-    case 14: zorSrv_SendResponse(RESULT_ERROR); break;
+    case 13:
+      zorSrv_HandleReadCEVVMEV();
+      break;
+    case 14:
+      zorSrv_SendResponse(RESULT_ERROR);
+      break;
     case 15:
       // strncpy: a text of 80 or more fills the field without a terminator.
       strncpy(gATParams[gATParser_Num_Params].value, rhs[0].value.str, AT_PARAM_VALUE_SIZE);
       free(rhs[0].value.str);
       break;
-    case 21: next_slot(); break;
-    case 26: gATParams[0].value[0] = '\0'; break;
+    case 21:
+      next_slot();
+      break;
+    case 26:
+      gATParams[0].value[0] = '\0';
+      break;
     case 31:
       if (gATParser_Num_Params < AT_PARAM_SLOTS) ++gATParser_Num_Params;
       break;
-    default: break;
+    default:
+      break;
   }
 }
 

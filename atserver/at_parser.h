@@ -8,7 +8,7 @@ constexpr int AT_PARAM_VALUE_SIZE = 80;
 constexpr int AT_PARAM_SLOTS = 18;
 
 struct ATParam {
-  int32_t reserved;  // nothing sets or reads it
+  int32_t reserved;                 // nothing sets or reads it
   char value[AT_PARAM_VALUE_SIZE];  // no terminator when the text filled it
 };
 static_assert(sizeof(ATParam) == 84);

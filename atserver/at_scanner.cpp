@@ -52,11 +52,13 @@ struct RuleSet {
   Rule rules[MAX_RULES_IN_STATE];
 };
 constexpr RuleSet RULES_OF[] = {
-    {4, {RULE_AT, RULE_BLANKS, RULE_EOL, RULE_BAD_CHAR}},                                      // INITIAL
-    {6, {RULE_CEVVMCMD, RULE_CEVVMEV, RULE_BLANKS, RULE_EOL, RULE_GENERIC, RULE_BAD_CHAR}},  // AFTER_AT
-    {6, {RULE_TEST, RULE_SET, RULE_QUERY, RULE_BLANKS, RULE_EOL, RULE_BAD_CHAR}},           // AFTER_NAME
-    {5, {RULE_PARAM, RULE_QUOTE, RULE_COMMA, RULE_EOL, RULE_BAD_CHAR}},                      // IN_PARAMS
-    {3, {RULE_BLANKS, RULE_EOL, RULE_BAD_CHAR}},                                             // AFTER_QUERY
+    {4, {RULE_AT, RULE_BLANKS, RULE_EOL, RULE_BAD_CHAR}},  // INITIAL
+    {6,
+     {RULE_CEVVMCMD, RULE_CEVVMEV, RULE_BLANKS, RULE_EOL, RULE_GENERIC,
+      RULE_BAD_CHAR}},                                                             // AFTER_AT
+    {6, {RULE_TEST, RULE_SET, RULE_QUERY, RULE_BLANKS, RULE_EOL, RULE_BAD_CHAR}},  // AFTER_NAME
+    {5, {RULE_PARAM, RULE_QUOTE, RULE_COMMA, RULE_EOL, RULE_BAD_CHAR}},            // IN_PARAMS
+    {3, {RULE_BLANKS, RULE_EOL, RULE_BAD_CHAR}},                                   // AFTER_QUERY
 };
 
 constexpr int DEAD = -1;
@@ -79,14 +81,22 @@ int step_literal(const char* text, int state, unsigned char c) {
 // "+CEVVM" plus one character (which may be LF).
 constexpr const char* DAEMON_NAME_PREFIX = "CEVVM";
 constexpr int PREFIX_LENGTH = 5;
-enum GenericState { G_START, G_BODY, G_AFTER_LF, G_PLUS };  // G_PLUS + k: k letters of the prefix seen
+enum GenericState {
+  G_START,
+  G_BODY,
+  G_AFTER_LF,
+  G_PLUS
+};  // G_PLUS + k: k letters of the prefix seen
 
 int step_generic(int state, unsigned char c) {
   switch (state) {
-    case G_START: return c == '\n' ? G_AFTER_LF : c == '+' ? G_PLUS : G_BODY;
+    case G_START:
+      return c == '\n' ? G_AFTER_LF : c == '+' ? G_PLUS : G_BODY;
     case G_BODY:
-    case G_AFTER_LF: return c == '\n' ? DEAD : G_BODY;
-    default: break;
+    case G_AFTER_LF:
+      return c == '\n' ? DEAD : G_BODY;
+    default:
+      break;
   }
   int seen = state - G_PLUS;
   if (seen < PREFIX_LENGTH) return upper(c) == DAEMON_NAME_PREFIX[seen] ? state + 1 : G_BODY;
@@ -96,21 +106,34 @@ int step_generic(int state, unsigned char c) {
 
 int step(Rule rule, int state, unsigned char c) {
   switch (rule) {
-    case RULE_AT: return step_literal("AT", state, c);
-    case RULE_CEVVMCMD: return step_literal("+CEVVMCMD", state, c);
-    case RULE_CEVVMEV: return step_literal("+CEVVMEV", state, c);
-    case RULE_TEST: return step_literal("=?", state, c);
-    case RULE_SET: return step_literal("=", state, c);
-    case RULE_QUERY: return step_literal("?", state, c);
-    case RULE_QUOTE: return step_literal("\"", state, c);
-    case RULE_COMMA: return step_literal(",", state, c);
+    case RULE_AT:
+      return step_literal("AT", state, c);
+    case RULE_CEVVMCMD:
+      return step_literal("+CEVVMCMD", state, c);
+    case RULE_CEVVMEV:
+      return step_literal("+CEVVMEV", state, c);
+    case RULE_TEST:
+      return step_literal("=?", state, c);
+    case RULE_SET:
+      return step_literal("=", state, c);
+    case RULE_QUERY:
+      return step_literal("?", state, c);
+    case RULE_QUOTE:
+      return step_literal("\"", state, c);
+    case RULE_COMMA:
+      return step_literal(",", state, c);
     // Leading blanks (state 0), then a parameter character and any mix of
     // them and blanks (state 1).
-    case RULE_PARAM: return is_param_char(c) ? 1 : is_blank(c) ? state : DEAD;
-    case RULE_BLANKS: return is_blank(c) ? 1 : DEAD;
-    case RULE_EOL: return state == 0 && (c == '\r' || c == '\n') ? 1 : DEAD;
-    case RULE_GENERIC: return step_generic(state, c);
-    case RULE_BAD_CHAR: return state == 0 ? 1 : DEAD;
+    case RULE_PARAM:
+      return is_param_char(c) ? 1 : is_blank(c) ? state : DEAD;
+    case RULE_BLANKS:
+      return is_blank(c) ? 1 : DEAD;
+    case RULE_EOL:
+      return state == 0 && (c == '\r' || c == '\n') ? 1 : DEAD;
+    case RULE_GENERIC:
+      return step_generic(state, c);
+    case RULE_BAD_CHAR:
+      return state == 0 ? 1 : DEAD;
   }
   return DEAD;
 }
@@ -118,13 +141,20 @@ int step(Rule rule, int state, unsigned char c) {
 // Asked only after at least one byte: blanks alone are a parameter too.
 bool accepts(Rule rule, int state) {
   switch (rule) {
-    case RULE_AT: return state == 2;
-    case RULE_CEVVMCMD: return state == 9;
-    case RULE_CEVVMEV: return state == 8;
-    case RULE_TEST: return state == 2;
-    case RULE_PARAM: return true;
-    case RULE_GENERIC: return state == G_BODY;
-    default: return state == 1;
+    case RULE_AT:
+      return state == 2;
+    case RULE_CEVVMCMD:
+      return state == 9;
+    case RULE_CEVVMEV:
+      return state == 8;
+    case RULE_TEST:
+      return state == 2;
+    case RULE_PARAM:
+      return true;
+    case RULE_GENERIC:
+      return state == G_BODY;
+    default:
+      return state == 1;
   }
 }
 
@@ -183,7 +213,8 @@ Rule longest_match(size_t* length) {
   for (;;) {
     if (token_start + len == filled) {
       bool more = false;
-      for (int i = 0; i < set.count && !more; ++i) more = states[i] != DEAD && can_continue(set.rules[i], states[i]);
+      for (int i = 0; i < set.count && !more; ++i)
+        more = states[i] != DEAD && can_continue(set.rules[i], states[i]);
       if (!more) break;
       refill();
     }
@@ -243,19 +274,27 @@ int yylex() {
         puts("--- GOT CEVVMEV");
         gATParser_Num_Params = 0;
         return CEVVMEV;
-      case RULE_TEST: start_condition = AFTER_QUERY; return TEST;
+      case RULE_TEST:
+        start_condition = AFTER_QUERY;
+        return TEST;
       case RULE_SET:
         start_condition = IN_PARAMS;
         puts("--- GOT SET");
         return SET;
-      case RULE_QUERY: start_condition = AFTER_QUERY; return QUERY;
+      case RULE_QUERY:
+        start_condition = AFTER_QUERY;
+        return QUERY;
       case RULE_PARAM:
         yylval.str = strdup(yytext);
         if (yylval.str == nullptr) my_yy_fatal_error("out of memory for a parameter");
         return PARAM;
-      case RULE_QUOTE: return QUOTE;
-      case RULE_COMMA: return COMMA;
-      case RULE_BLANKS: puts("got tab"); break;
+      case RULE_QUOTE:
+        return QUOTE;
+      case RULE_COMMA:
+        return COMMA;
+      case RULE_BLANKS:
+        puts("got tab");
+        break;
       case RULE_EOL:
         start_condition = INITIAL;
         puts("--- got EOL");

@@ -87,10 +87,14 @@ int zor_checkRspOkOrError(const char* text, int* status) {
   int len = static_cast<int>(strlen(text));
   int ret = 1;
   int result = 0;
-  if (strstr(text, "\r\nOK\r\n") != nullptr) result = 0;
-  else if (strstr(text, "\r\nERROR\r\n") != nullptr) result = 1;
-  else if (strstr(text, "CME ERROR") != nullptr) result = 1;
-  else ret = 0;
+  if (strstr(text, "\r\nOK\r\n") != nullptr)
+    result = 0;
+  else if (strstr(text, "\r\nERROR\r\n") != nullptr)
+    result = 1;
+  else if (strstr(text, "CME ERROR") != nullptr)
+    result = 1;
+  else
+    ret = 0;
   if (ret == 1 && status != nullptr) *status = result;
   if (ret == 0) LOG_AT_MSG(1, len, text);
   ZLOG_INFO("%s: msglen %d retval %d\n", "zor_checkRspOkOrError", len, ret);
@@ -127,8 +131,10 @@ void zorSrv_sendATCmdToAtSwitch(const char* cmd, int* status, char* answer, size
 
   // Only "A" or "a" followed by an upper-case "T" counts as a command's own
   // AT: "at+x" and "At+x" get another "AT" in front.
-  if ((cmd[0] == 'A' || cmd[0] == 'a') && cmd[1] == 'T') snprintf(out, sizeof out, "%s\n", cmd);
-  else snprintf(out, sizeof out, "AT%s\n", cmd);
+  if ((cmd[0] == 'A' || cmd[0] == 'a') && cmd[1] == 'T')
+    snprintf(out, sizeof out, "%s\n", cmd);
+  else
+    snprintf(out, sizeof out, "AT%s\n", cmd);
 
   int fd = relaxed_load(cmd_atsw_fd);
   if (write(fd, out, strlen(out)) < 0) ZLOG_ERROR("    error is: %s\n", strerror(errno));
@@ -145,7 +151,8 @@ void zorSrv_sendATCmdToAtSwitch(const char* cmd, int* status, char* answer, size
     }
     // Nothing is accumulated: a shorter read leaves the tail of the earlier
     // text behind it, and that tail is examined too.
-    ZLOG_INFO("### ATSW RSP:  %X \n%s strlen(rsp)=%d \n", static_cast<unsigned>(reinterpret_cast<uintptr_t>(rsp)), rsp,
+    ZLOG_INFO("### ATSW RSP:  %X \n%s strlen(rsp)=%d \n",
+              static_cast<unsigned>(reinterpret_cast<uintptr_t>(rsp)), rsp,
               static_cast<int>(strlen(rsp)));
     zorSrv_ExpandLoneCr(rsp, sizeof rsp);
     if (zor_checkRspOkOrError(rsp, status) == 1) break;

@@ -57,14 +57,16 @@ int zorSrv_OpenServerSocket(const char* path) {
 void* zorSrv_ThreadMain(void* arg) {
   const char* server_path = static_cast<char**>(arg)[0];
   memset(atsw_path, 0, sizeof atsw_path);
-  findSocketName("CUSTOM2", atsw_path);  // without it the connect below fails, and that is tolerated
+  findSocketName("CUSTOM2",
+                 atsw_path);  // without it the connect below fails, and that is tolerated
 
   if (pthread_mutex_init(&send_atcmd_lock, nullptr) != 0) {
     ZLOG_ERROR("%s: mutex init failed\n", "zorSrv_ThreadMain");
     return nullptr;
   }
   cmd_atsw_path = atsw_path;
-  ZLOG_INFO("%s entry will work with:\n prs: %s\n atsw %s\n", "zorSrv_ThreadMain", server_path, cmd_atsw_path);
+  ZLOG_INFO("%s entry will work with:\n prs: %s\n atsw %s\n", "zorSrv_ThreadMain", server_path,
+            cmd_atsw_path);
 
   zorSrv_OutSocket = zorSrv_OpenServerSocket(server_path);
   yyin_socket = zorSrv_OutSocket;
@@ -72,8 +74,8 @@ void* zorSrv_ThreadMain(void* arg) {
     ZLOG_ERROR("cannot open connection to AT switch\n");
 
   if (zorSrv_OutSocket != -1) {
-    ZLOG_INFO("zorSrv thread ID = %ul, waits on AT commands on socket:%s\n", static_cast<unsigned>(pthread_self()),
-              server_path);
+    ZLOG_INFO("zorSrv thread ID = %ul, waits on AT commands on socket:%s\n",
+              static_cast<unsigned>(pthread_self()), server_path);
     yyparse();
   } else {
     ZLOG_ERROR("Failure open socket=%s for AT commands\n", server_path);

@@ -17,11 +17,16 @@ constexpr size_t RESPONSE_SIZE = 100;
 
 const char* result_word(int code) {
   switch (code) {
-    case RESULT_OK: return "OK";
-    case RESULT_ERROR: return "ERROR";
-    case RESULT_AOK: return "AOK";
-    case RESULT_NOK: return "NOK";
-    default: return nullptr;  // RESULT_NONE: no result code
+    case RESULT_OK:
+      return "OK";
+    case RESULT_ERROR:
+      return "ERROR";
+    case RESULT_AOK:
+      return "AOK";
+    case RESULT_NOK:
+      return "NOK";
+    default:
+      return nullptr;  // RESULT_NONE: no result code
   }
 }
 
@@ -41,7 +46,8 @@ int zorSrv_WriteResponse(const char* text, int code, int leading_line_end) {
       ZLOG_ERROR("no output socket!\n");
     } else {
       if (leading_line_end) zorSrv_WriteLineEnd();
-      if (write(zorSrv_OutSocket, text, strlen(text)) < 1) ZLOG_ERROR("failed to write to socket %s!\n", buf);
+      if (write(zorSrv_OutSocket, text, strlen(text)) < 1)
+        ZLOG_ERROR("failed to write to socket %s!\n", buf);
     }
     snprintf(buf, sizeof buf, "%s", zorSrv_LineEnd);
   }
@@ -50,11 +56,13 @@ int zorSrv_WriteResponse(const char* text, int code, int leading_line_end) {
   if (const char* word = result_word(code)) {
     bool lead = code == RESULT_ERROR || (text == nullptr && !leading_line_end);
     size_t used = strlen(buf);
-    snprintf(buf + used, sizeof buf - used, "%s%s%s", lead ? zorSrv_LineEnd : "", word, zorSrv_LineEnd);
+    snprintf(buf + used, sizeof buf - used, "%s%s%s", lead ? zorSrv_LineEnd : "", word,
+             zorSrv_LineEnd);
   }
   if (buf[0] != '\0') {
     if (zorSrv_OutSocket != -1) {
-      if (write(zorSrv_OutSocket, buf, strlen(buf)) < 1) ZLOG_ERROR("failed to write to socket %s!\n", buf);
+      if (write(zorSrv_OutSocket, buf, strlen(buf)) < 1)
+        ZLOG_ERROR("failed to write to socket %s!\n", buf);
     } else {
       ZLOG_ERROR("no output socket!\n");
     }

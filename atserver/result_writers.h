@@ -5,11 +5,17 @@
 
 #include <pthread.h>
 
-enum ResultCode { RESULT_OK = 0, RESULT_ERROR = 1, RESULT_AOK = 2, RESULT_NOK = 3, RESULT_NONE = 4 };
+enum ResultCode {
+  RESULT_OK = 0,
+  RESULT_ERROR = 1,
+  RESULT_AOK = 2,
+  RESULT_NOK = 3,
+  RESULT_NONE = 4
+};
 
 extern pthread_mutex_t send_atcmd_lock;  // initialised by the command server thread
-extern const char* zorSrv_LineEnd;      // "\r\n"
-extern int zorSrv_OutSocket;            // -1: no output socket
+extern const char* zorSrv_LineEnd;       // "\r\n"
+extern int zorSrv_OutSocket;             // -1: no output socket
 
 // The locked writers.
 int zorSrv_SendResponse(int code);

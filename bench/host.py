@@ -11,14 +11,19 @@ from rig import BenchError
 SRC = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 DEFAULT_BUILD_DIR = os.path.join(SRC, "build", "bench")
 # zordctl too: the watchdog probes with it, and bench/wedge queries with it.
-PROGRAMS = {"zord": "core/zord", "atsw-sim": "tools/atsw-sim/atsw-sim",
-            "zordctl": "tools/zordctl/zordctl"}
+PROGRAMS = {
+    "zord": "core/zord",
+    "atsw-sim": "tools/atsw-sim/atsw-sim",
+    "zordctl": "tools/zordctl/zordctl"
+}
 
 
 def build(build_dir):
     jobs = str(os.cpu_count() or 2)
-    configure = ["cmake", "-S", SRC, "-B", build_dir, "-DCMAKE_BUILD_TYPE=Release",
-                 "-DZORD_WERROR=ON", "-DBUILD_TESTING=OFF"]
+    configure = [
+        "cmake", "-S", SRC, "-B", build_dir, "-DCMAKE_BUILD_TYPE=Release", "-DZORD_WERROR=ON",
+        "-DBUILD_TESTING=OFF"
+    ]
     make = ["cmake", "--build", build_dir, "--target"] + list(PROGRAMS) + ["-j", jobs]
     for cmd in (configure, make):
         r = subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
@@ -30,8 +35,8 @@ def build(build_dir):
 def check_built(build_dir, names):
     for name in names:
         if not os.access(os.path.join(build_dir, PROGRAMS[name]), os.X_OK):
-            raise BenchError("no %s in %s (build it, or leave out --no-build)"
-                             % (PROGRAMS[name], build_dir))
+            raise BenchError("no %s in %s (build it, or leave out --no-build)" %
+                             (PROGRAMS[name], build_dir))
 
 
 def build_type(build_dir):
@@ -66,12 +71,13 @@ def machine():
 def revision():
     try:
         head = subprocess.run(["git", "-C", SRC, "rev-parse", "--short", "HEAD"],
-                              capture_output=True, text=True)
+                              capture_output=True,
+                              text=True)
         dirty = subprocess.run(["git", "-C", SRC, "status", "--porcelain", "--untracked-files=no"],
-                               capture_output=True, text=True)
+                               capture_output=True,
+                               text=True)
         if head.returncode != 0:
             return "unknown"
         return head.stdout.strip() + (" with local changes" if dirty.stdout.strip() else "")
     except OSError:
         return "unknown"
-

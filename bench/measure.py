@@ -85,7 +85,7 @@ def query_latency(rig, count, pause):
             sizes.append((line, rig.log_bytes()))
             t0 = now()
             client.send(line)
-            _, (t1,) = client.read_until([answer])
+            _, (t1, ) = client.read_until([answer])
             trips = [link.round_trip(c) for c in cmds]
             round_trips += trips
             out[line][0].append(t1 - t0)
@@ -97,15 +97,20 @@ def query_latency(rig, count, pause):
     for name, line in (("ev", EV_QUERY), ("cmd", CMD_QUERY)):
         times, floors = out[line]
         grown = [b[1] - a[1] for a, b in zip(sizes, sizes[1:]) if a[0] == line]
-        result[name] = {"median": median(times), "p99": p99(times),
-                        "floor_median": median(floors), "floor_p99": p99(floors),
-                        "log_bytes": median(grown)}
+        result[name] = {
+            "median": median(times),
+            "p99": p99(times),
+            "floor_median": median(floors),
+            "floor_p99": p99(floors),
+            "log_bytes": median(grown)
+        }
     return result
 
 
 def start_hog(seconds):
     """A busy process on one core; it ends by itself."""
-    code = "import time\nend = time.monotonic() + %f\nwhile time.monotonic() < end:\n    pass\n" % seconds
+    code = ("import time\nend = time.monotonic() + %f\n"
+            "while time.monotonic() < end:\n    pass\n" % seconds)
     return subprocess.Popen([sys.executable, "-c", code])
 
 
@@ -174,9 +179,12 @@ def throughput(rig, seconds, hog=False):
     for c in clients:
         c.sock.setblocking(True)
     rig.close_clients(clients)
-    return {"per_s": answers / seconds, "memory": memory,
-            "log_bytes": (log_after - log_start) / (answers + len(clients)),
-            "log_per_s": (log_at_end[0] - log_start) / (log_at_end[1] - start)}
+    return {
+        "per_s": answers / seconds,
+        "memory": memory,
+        "log_bytes": (log_after - log_start) / (answers + len(clients)),
+        "log_per_s": (log_at_end[0] - log_start) / (log_at_end[1] - start)
+    }
 
 
 def event_latency(rig, count):
@@ -195,7 +203,7 @@ def event_latency(rig, count):
         t0 = now()
         cell = move_cell(rig)
         line = "+CEVVMEV:%s,FDD,0\r\n" % cell
-        got, (t1,) = subscriber.read_until([line])
+        got, (t1, ) = subscriber.read_until([line])
         if got != line.encode():
             raise BenchError("the subscriber got %r, not %r" % (got, line))
         times.append(t1 - t0)
@@ -207,8 +215,13 @@ def event_latency(rig, count):
         floors.append(sum(trips) + sum(runs))
     rig.close_clients([subscriber])
     link.close()
-    return {"median": median(times), "p99": p99(times), "floor_median": median(floors),
-            "floor_p99": p99(floors), "uci_run": median(uci_runs)}
+    return {
+        "median": median(times),
+        "p99": p99(times),
+        "floor_median": median(floors),
+        "floor_p99": p99(floors),
+        "uci_run": median(uci_runs)
+    }
 
 
 def deferred_gap(rig, tries):
@@ -239,8 +252,13 @@ def deferred_gap(rig, tries):
             asking.pending = b""
         rig.log.wait_for("=== at_cmd_q_entry_rd_index", 2)
     rig.close_clients([subscriber, asking])
-    return {"median": median(gaps), "p99": p99(gaps), "over_1ms": sum(g > 0.001 for g in gaps),
-            "tries": len(gaps), "missed": missed}
+    return {
+        "median": median(gaps),
+        "p99": p99(gaps),
+        "over_1ms": sum(g > 0.001 for g in gaps),
+        "tries": len(gaps),
+        "missed": missed
+    }
 
 
 def idle(rig, seconds):
@@ -251,13 +269,20 @@ def idle(rig, seconds):
     t0, w0, s0 = cpu_ticks(pid), wakeups(pid), io_calls(pid)
     time.sleep(seconds)
     t1, w1, s1 = cpu_ticks(pid), wakeups(pid), io_calls(pid)
-    return {"ticks": t1 - t0, "wakeups": w1 - w0, "syscalls": None if s0 is None or s1 is None else s1 - s0}
+    return {
+        "ticks": t1 - t0,
+        "wakeups": w1 - w0,
+        "syscalls": None if s0 is None or s1 is None else s1 - s0
+    }
 
 
 def callgrind_total(bindir, srcdir, queries):
     """Total instructions of zord under callgrind for a run with this many
     AT+CEVVMEV? queries."""
-    rig = Rig(bindir, srcdir, launcher=["valgrind", "--tool=callgrind", "--callgrind-out-file={root}/callgrind.out"])
+    rig = Rig(
+        bindir,
+        srcdir,
+        launcher=["valgrind", "--tool=callgrind", "--callgrind-out-file={root}/callgrind.out"])
     try:
         rig.start()
         client = rig.client("127.0.0.24")
@@ -278,4 +303,5 @@ def callgrind_total(bindir, srcdir, queries):
 def instructions_per_query(bindir, srcdir, few, many):
     """The difference of two runs over the difference of their query counts:
     start-up and shutdown cancel."""
-    return (callgrind_total(bindir, srcdir, many) - callgrind_total(bindir, srcdir, few)) / (many - few)
+    return (callgrind_total(bindir, srcdir, many) - callgrind_total(bindir, srcdir, few)) / (many -
+                                                                                             few)

@@ -25,7 +25,8 @@ void read_seams() {
     if (root[0] != '/')
       snprintf(s.error, sizeof s.error, "ZORD_ROOT must be an absolute path: %s", root);
     else if (strlen(root) > ZORD_ROOT_MAX)
-      snprintf(s.error, sizeof s.error, "ZORD_ROOT must be at most %zu characters long", ZORD_ROOT_MAX);
+      snprintf(s.error, sizeof s.error, "ZORD_ROOT must be at most %zu characters long",
+               ZORD_ROOT_MAX);
     else
       snprintf(s.root, sizeof s.root, "%s", root);
   }
@@ -33,7 +34,8 @@ void read_seams() {
     char* end = nullptr;
     long value = strtol(port, &end, 10);
     if (*end != '\0' || value < 1 || value > 65535)
-      snprintf(s.error, sizeof s.error, "ZORD_PORT must be a port number from 1 to 65535: %s", port);
+      snprintf(s.error, sizeof s.error, "ZORD_PORT must be a port number from 1 to 65535: %s",
+               port);
     else
       s.port = static_cast<int>(value);
   }

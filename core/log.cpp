@@ -179,7 +179,8 @@ struct AtDump {
     int width = value > 0xff ? 8 : 2;
     if (pos + 1 + static_cast<size_t>(width) >= sizeof buf) return append(" %02X", value);
     buf[pos++] = ' ';
-    for (int shift = 4 * (width - 1); shift >= 0; shift -= 4) buf[pos++] = digits[(value >> shift) & 0xf];
+    for (int shift = 4 * (width - 1); shift >= 0; shift -= 4)
+      buf[pos++] = digits[(value >> shift) & 0xf];
     buf[pos] = '\0';
   }
 
@@ -198,8 +199,10 @@ struct AtDump {
   void append_chars(const unsigned char* bytes, int from, int to, bool map_percent) {
     for (int j = from; j < to && pos < sizeof buf - 1; ++j) {
       unsigned char c = bytes[j];
-      if (c == '%' && map_percent) c = '+';
-      else if (c < 0x20 || c >= 0x80) c = '.';
+      if (c == '%' && map_percent)
+        c = '+';
+      else if (c < 0x20 || c >= 0x80)
+        c = '.';
       buf[pos++] = static_cast<char>(c);
     }
     buf[pos] = '\0';

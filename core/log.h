@@ -16,12 +16,12 @@ extern int32_t app_env;
 
 // Entry writers. Use the ZLOG_ macros so the gate stays at the call site.
 void log_entry(bool error, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
-#define ZLOG_ERROR(...)                       \
-  do {                                        \
-    if (app_env >= 0) log_entry(true, __VA_ARGS__);  \
+#define ZLOG_ERROR(...)                             \
+  do {                                              \
+    if (app_env >= 0) log_entry(true, __VA_ARGS__); \
   } while (0)
-#define ZLOG_INFO(...)                        \
-  do {                                        \
+#define ZLOG_INFO(...)                               \
+  do {                                               \
     if (app_env >= 1) log_entry(false, __VA_ARGS__); \
   } while (0)
 

@@ -38,7 +38,8 @@ pthread_t server_thread;  // written by the AT thread
 
 int zor_StartServer() {
   ZLOG_INFO("%s entry\n", "zor_StartServer");
-  return start_thread(&server_thread, zorSrv_ThreadMain, zor_socket_names, LARGE_STACK) == 0 ? 1 : 0;
+  return start_thread(&server_thread, zorSrv_ThreadMain, zor_socket_names, LARGE_STACK) == 0 ? 1
+                                                                                             : 0;
 }
 
 int wait_server_thread() {
@@ -78,8 +79,9 @@ int main(int argc, char** argv) {
     return 1;
   }
   if (char missing[SOCKET_PATH_SIZE]; missing_root_directory(missing, sizeof missing)) {
-    fprintf(stderr, "%s: ZORD_ROOT has no directory %s (the sockets go there; the log goes in its logs)\n", argv[0],
-            missing);
+    fprintf(stderr,
+            "%s: ZORD_ROOT has no directory %s (the sockets go there; the log goes in its logs)\n",
+            argv[0], missing);
     return 1;
   }
   set_foreground(!daemonize_flag);
@@ -91,7 +93,8 @@ int main(int argc, char** argv) {
   char log_path[SOCKET_PATH_SIZE];
   rooted_path(log_path, sizeof log_path, "/tmp/logs/zord-vvm-app.log");
   if (log_open(log_path) == nullptr)
-    foreground_warning("cannot open the log %s: %s; nothing will be logged", log_path, strerror(errno));
+    foreground_warning("cannot open the log %s: %s; nothing will be logged", log_path,
+                       strerror(errno));
 
   ZLOG_INFO("%s entry\n", "main");
   ZLOG_INFO("STARTING ZOR Daemon compile time %s:%s\n", zord_build_date, zord_build_time);
@@ -111,7 +114,8 @@ int main(int argc, char** argv) {
       {&unsol_thread, zorUnsol_ThreadMain, "cannot created at unsol thread %s\n", LARGE_STACK},
       {&listener_thread, run_listener_thread, listener_failed, SMALL_STACK},
       {&at_q_thread, run_at_q_thread, listener_failed, LARGE_STACK},
-      {&lte_reg_thread, initial_LTE_reg_thread, "cannot created main initial_LTE_reg_thread %s\n", LARGE_STACK},
+      {&lte_reg_thread, initial_LTE_reg_thread, "cannot created main initial_LTE_reg_thread %s\n",
+       LARGE_STACK},
   };
   for (const auto& t : threads) {
     if (start_thread(t.handle, t.entry, nullptr, t.stack_size) != 0) {
@@ -122,7 +126,8 @@ int main(int argc, char** argv) {
   ZLOG_INFO("ZOR main finished tarting threads\n");
 
   for (const auto& t : threads) {
-    if (pthread_join(*t.handle, nullptr) != 0) ZLOG_ERROR("pthread_join failed %s\n", strerror(errno));
+    if (pthread_join(*t.handle, nullptr) != 0)
+      ZLOG_ERROR("pthread_join failed %s\n", strerror(errno));
   }
   ZLOG_INFO("EXIT\n");
   return 0;

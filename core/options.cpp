@@ -28,12 +28,13 @@ const struct option zord_long_options[] = {
 }  // namespace
 
 void print_usage(const char* program_name) {
-  printf("Orvane ZOR Daemon. -  compilation time %s:%s\nUsage: %s:\n"
-         "[-v 'log_severity (0-INIT, 1-ERROR, 2-WARNING, 3-INFO, 4-VERBOSE, 5-DEBUG)' ]\n"
-         "[-d/--daemonize]\n"
-         "[-t/--station_timeout timeout in msec for station incativity]\n"
-         "[-h --help]\n",
-         zord_build_date, zord_build_time, program_name);
+  printf(
+      "Orvane ZOR Daemon. -  compilation time %s:%s\nUsage: %s:\n"
+      "[-v 'log_severity (0-INIT, 1-ERROR, 2-WARNING, 3-INFO, 4-VERBOSE, 5-DEBUG)' ]\n"
+      "[-d/--daemonize]\n"
+      "[-t/--station_timeout timeout in msec for station incativity]\n"
+      "[-h --help]\n",
+      zord_build_date, zord_build_time, program_name);
 }
 
 void parse_options(int argc, char** argv, bool* daemonize_flag) {

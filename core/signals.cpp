@@ -34,7 +34,9 @@ std::atomic<bool> ending{false};  // set once the process has begun to end
 // progress; past it the faulting thread must be holding the lock itself.
 constexpr int LOG_LOCK_WAIT_MS = 2000;
 
-bool parks_thread(int signal_number) { return signal_number == SIGSEGV || signal_number == SIGABRT; }
+bool parks_thread(int signal_number) {
+  return signal_number == SIGSEGV || signal_number == SIGABRT;
+}
 
 // The message of the last entry, without time text and prefix.
 void format_signal_message(char* out, size_t size, int signal_number) {

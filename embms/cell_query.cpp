@@ -37,7 +37,8 @@ void ask_registration(const char* name, char* answer, size_t size, bool retry) {
   status = 0;
   memset(answer, 0, size);
   usleep(500000);
-  zorSrv_sendATCmdToAtSwitch("AT+CEREG?\n\r", &status, answer, size);  // its status is not looked at
+  zorSrv_sendATCmdToAtSwitch("AT+CEREG?\n\r", &status, answer,
+                             size);  // its status is not looked at
 }
 
 Registration scan_registration(const char* answer) {
@@ -47,8 +48,8 @@ Registration scan_registration(const char* answer) {
   // conversions are not counted.
   Registration reg;
   int prefix_end = -1, tac_begin = -1, tac_end = -1, ci_begin = -1, ci_end = -1;
-  int numbers = sscanf(answer, "%*[^:]%n: %d, %d, %n%*[^,]%n, %n%*[^,]%n, %d\n", &prefix_end, &reg.n, &reg.stat,
-                       &tac_begin, &tac_end, &ci_begin, &ci_end, &reg.act);
+  int numbers = sscanf(answer, "%*[^:]%n: %d, %d, %n%*[^,]%n, %n%*[^,]%n, %d\n", &prefix_end,
+                       &reg.n, &reg.stat, &tac_begin, &tac_end, &ci_begin, &ci_end, &reg.act);
   int texts = (prefix_end >= 0) + (tac_end >= 0) + (ci_end >= 0);
   // EOF only when the answer ended before the first conversion of all.
   reg.fields = (numbers < 0 && texts == 0) ? -1 : (numbers > 0 ? numbers : 0) + texts;
@@ -103,8 +104,11 @@ void build_cell_id(const char* plmn, size_t plmn_length, const Registration& reg
 }
 
 void log_registration(const char* name, const Registration& reg) {
-  if (reg.fields < 4) ZLOG_INFO("%s:does not get CEREG\n", name);
-  else ZLOG_INFO("get Stat: %d, TAC: %.*s, ECI: %.*s\n", reg.stat, reg.tac_length, reg.tac_whole, reg.ci_length, reg.ci_whole);
+  if (reg.fields < 4)
+    ZLOG_INFO("%s:does not get CEREG\n", name);
+  else
+    ZLOG_INFO("get Stat: %d, TAC: %.*s, ECI: %.*s\n", reg.stat, reg.tac_length, reg.tac_whole,
+              reg.ci_length, reg.ci_whole);
 }
 
 bool query_plmn(const char* name, char* answer, int* status, char* plmn, size_t* plmn_length) {

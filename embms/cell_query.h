@@ -43,7 +43,8 @@ bool find_duplex(const char* answer, char* duplex);
 // PLMN, then tac from its first character, then 7 characters of ci from its
 // second: 17 characters for a 6-character PLMN token, else 16 from the first
 // 5 PLMN characters ("mccmnc strlen 5" logged). A short piece ends the text.
-void build_cell_id(const char* plmn, size_t plmn_length, const Registration& reg, char* cell_id /* 18 bytes */);
+void build_cell_id(const char* plmn, size_t plmn_length, const Registration& reg,
+                   char* cell_id /* 18 bytes */);
 
 // Steps of the query with their log entries, for handler `name`:
 // AT+COPS=3,2 and AT+COPS? (answer cleared first), then AT%PCONI.

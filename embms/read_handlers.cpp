@@ -13,11 +13,13 @@ namespace {
 
 // The serving cell after a registration answer: false (with ERROR sent) when
 // the PLMN or the duplex mode is missing.
-bool registered_cell(const char* name, char* answer, const Registration& reg, char* cell_id, char* duplex) {
+bool registered_cell(const char* name, char* answer, const Registration& reg, char* cell_id,
+                     char* duplex) {
   int status = 0;
   char plmn[7] = {};
   size_t plmn_length = 0;
-  if (!query_plmn(name, answer, &status, plmn, &plmn_length) || !query_duplex(name, answer, &status, duplex)) {
+  if (!query_plmn(name, answer, &status, plmn, &plmn_length) ||
+      !query_duplex(name, answer, &status, duplex)) {
     zorSrv_SendResponse(RESULT_ERROR);
     return false;
   }

@@ -40,13 +40,15 @@ void check_one_address(const char* key, char* last, size_t size, int* changed) {
 // then compares with an empty address and reports a change.
 int wan_addresses_changed() {
   int changed = 0;
-  check_one_address("/tmp/wan.status.ipv6_addr_global", last_ipv6_addr, sizeof last_ipv6_addr, &changed);
+  check_one_address("/tmp/wan.status.ipv6_addr_global", last_ipv6_addr, sizeof last_ipv6_addr,
+                    &changed);
   check_one_address("/tmp/wan.status.ipv4_addr", last_ipv4_addr, sizeof last_ipv4_addr, &changed);
   return changed;
 }
 
 // The unsolicited line: +CEVVMEV:cell,duplex,changed and CR LF.
-void format_event_line(char* line, size_t size, const char* cell_id, const char* duplex, int changed) {
+void format_event_line(char* line, size_t size, const char* cell_id, const char* duplex,
+                       int changed) {
   snprintf(line, size, "%s:%s,%s,%d\r\n", "+CEVVMEV", cell_id, duplex, changed);
 }
 
@@ -104,7 +106,8 @@ int zorSrv_HandleSetCEVVMEV(int event) {
   char plmn[7] = {};
   size_t plmn_length = 0;
   char duplex[4] = {};
-  if (!query_plmn(name, answer, &status, plmn, &plmn_length) || !query_duplex(name, answer, &status, duplex))
+  if (!query_plmn(name, answer, &status, plmn, &plmn_length) ||
+      !query_duplex(name, answer, &status, duplex))
     return zorSrv_SendResponse(RESULT_OK);
   char cell_id[18] = {};
   build_cell_id(plmn, plmn_length, reg, cell_id);

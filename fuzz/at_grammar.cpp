@@ -12,14 +12,17 @@ static const std::initializer_list<std::string_view> ANSWERS = {
     "\r\nOK\r\n", "\r\nERROR\r\n", "\r\nX\r\nOK\r\n\r\n", "\r\n+CEVVMEV:NULL,NULL\r\nAOK\r\n"};
 
 static void answer_every_command() {
-  for (char command[4096]; read(modem[1], command, sizeof command) > 0;) fz::put(modem[1], "\r\nX\r\nOK\r\n");
+  for (char command[4096]; read(modem[1], command, sizeof command) > 0;)
+    fz::put(modem[1], "\r\nX\r\nOK\r\n");
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Once: the shared state, the connections, the parser's and the modem's threads.
-  static const bool started = (fz::init(), yyin_socket = in[0], zorSrv_OutSocket = out[0], cmd_atsw_fd = modem[0],
-                               std::thread(yyparse).detach(), std::thread(answer_every_command).detach(), true);
-  if (!fz::small({reinterpret_cast<const char*>(data), size})) return 0;  // and a token fits the scanner's buffer
+  static const bool started =
+      (fz::init(), yyin_socket = in[0], zorSrv_OutSocket = out[0], cmd_atsw_fd = modem[0],
+       std::thread(yyparse).detach(), std::thread(answer_every_command).detach(), true);
+  if (!fz::small({reinterpret_cast<const char*>(data), size}))
+    return 0;  // and a token fits the scanner's buffer
   // The line ends finish any line and leave the scanner at the start of a
   // token with nothing owed, so the last echo comes after the last answer.
   std::string sent = std::string(reinterpret_cast<const char*>(data), size) + "\r\n\r\n";
@@ -27,6 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Every byte is scanned once and echoed as it came, in order.
   fz::check(started && fz::take(in[1], sent.size()) == sent);
   fz::made_of(fz::take(out[1]), ANSWERS);
-  fz::made_of(fz::take(at_unsol_sockfd[0]), {"+CEVVMEV:NULL,NULL,0\r\n"});  // the set handler's event line
+  fz::made_of(fz::take(at_unsol_sockfd[0]),
+              {"+CEVVMEV:NULL,NULL,0\r\n"});  // the set handler's event line
   return 0;
 }

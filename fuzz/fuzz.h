@@ -32,7 +32,10 @@
 // The daemon's pauses (7 s on entering registration, 500 ms before asking
 // again, 5 ms per hand-over) are real; here they would only slow the search.
 // A second is a millisecond, though: libFuzzer's memory watch waits in sleep().
-extern "C" unsigned sleep(unsigned) { static const timespec ms{0, 1000000}; return nanosleep(&ms, nullptr) ? 1 : 0; }
+extern "C" unsigned sleep(unsigned) {
+  static const timespec ms{0, 1000000};
+  return nanosleep(&ms, nullptr) ? 1 : 0;
+}
 extern "C" int usleep(useconds_t) { return 0; }
 // The WAN addresses come from uci, not from a client or the modem: no shell
 // per command (the address check then skips both families).
@@ -42,7 +45,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 namespace fz {
 
-inline void check(bool holds) { if (!holds) __builtin_trap(); }
+inline void check(bool holds) {
+  if (!holds) __builtin_trap();
+}
 
 // The shared state; a log that formats every entry (hostile text goes into
 // many) and keeps none; a fresh, short ZORD_ROOT (removed at exit) holding
@@ -52,15 +57,20 @@ inline void check(bool holds) { if (!holds) __builtin_trap(); }
 inline int init(const char* socket_name = nullptr) {
   static char root[] = "/tmp/zfuzzXXXXXX";
   struct sigaction timer {};
-  check(!sigaction(SIGALRM, nullptr, &timer) && (timer.sa_flags |= SA_RESTART) && !sigaction(SIGALRM, &timer, nullptr));
-  check(log_open("/dev/null") != nullptr && init_shared_ipc() == 0 && mkdtemp(root) && !setenv("ZORD_ROOT", root, 1));
+  check(!sigaction(SIGALRM, nullptr, &timer) && (timer.sa_flags |= SA_RESTART) &&
+        !sigaction(SIGALRM, &timer, nullptr));
+  check(log_open("/dev/null") != nullptr && init_shared_ipc() == 0 && mkdtemp(root) &&
+        !setenv("ZORD_ROOT", root, 1));
   atexit([] { std::filesystem::remove_all(root); });
-  for (const char* dir : {"/tmp", "/etc/atswitch_config"}) std::filesystem::create_directories(root + std::string(dir));
-  std::ofstream(root + std::string("/etc/atswitch_config/atswitch_ecm_config.csv")) << "12,VVMUNSOL,x\n";
+  for (const char* dir : {"/tmp", "/etc/atswitch_config"})
+    std::filesystem::create_directories(root + std::string(dir));
+  std::ofstream(root + std::string("/etc/atswitch_config/atswitch_ecm_config.csv"))
+      << "12,VVMUNSOL,x\n";
   sockaddr_un addr{AF_UNIX, {}};
   snprintf(addr.sun_path, sizeof addr.sun_path, "%s/tmp/%s", root, socket_name ? socket_name : "");
   int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  check(!socket_name || (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 && listen(fd, 1) == 0));
+  check(!socket_name ||
+        (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 && listen(fd, 1) == 0));
   return fd;
 }
 
@@ -69,13 +79,16 @@ inline std::array<int, 2> pair(int type = SOCK_STREAM) {
   return check(socketpair(AF_UNIX, type, 0, fds.data()) == 0), fds;
 }
 
-inline void put(int fd, std::string_view b) { check(write(fd, b.data(), b.size()) == static_cast<ssize_t>(b.size())); }
+inline void put(int fd, std::string_view b) {
+  check(write(fd, b.data(), b.size()) == static_cast<ssize_t>(b.size()));
+}
 
 // Waits until `want` bytes came (1: one read, one record of a packet
 // socket); with want 0, what is there now.
 inline std::string take(int fd, size_t want = 0) {
   std::string got, buf(65536, '\0');
-  for (ssize_t n; (!want || got.size() < want) && (n = recv(fd, buf.data(), buf.size(), want ? 0 : MSG_DONTWAIT)) >= 0;)
+  for (ssize_t n; (!want || got.size() < want) &&
+                  (n = recv(fd, buf.data(), buf.size(), want ? 0 : MSG_DONTWAIT)) >= 0;)
     check(n > 0 || !want), got.append(buf, 0, static_cast<size_t>(n));
   return got;
 }
@@ -100,7 +113,8 @@ inline std::vector<std::string> split(std::string_view s, char separator, bool k
 // Whether bytes are these pieces one after the other, in any order and number.
 inline void made_of(std::string_view bytes, std::initializer_list<std::string_view> pieces) {
   for (const std::string_view* piece; !bytes.empty(); bytes.remove_prefix(piece->size()))
-    check((piece = std::ranges::find_if(pieces, [&](auto p) { return bytes.starts_with(p); })) != pieces.end());
+    check((piece = std::ranges::find_if(pieces, [&](auto p) { return bytes.starts_with(p); })) !=
+          pieces.end());
 }
 
 }  // namespace fz

@@ -9,16 +9,18 @@
 // An answer is the echoed command, a text and the final result that the
 // text's length picks. A result inside it would end the answer there and leave
 // the queue an answer behind (as designed): inputs that could hold one are left out.
-static const std::string RESULTS[] = {"\r\nOK\r\n", "\r\nERROR\r\n", "CME ERROR", "\r\nAOK\r\n", "\r\nNOK\r\n"};
+static const std::string RESULTS[] = {"\r\nOK\r\n", "\r\nERROR\r\n", "CME ERROR", "\r\nAOK\r\n",
+                                      "\r\nNOK\r\n"};
 // Descriptor 0 takes the answers to the daemon's own command, which no client
 // can send: nothing may arrive there.
 static const std::array<int, 2> zero = fz::pair();
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const int listener = fz::init("zor-vvm_at_prs_srv");
-  static const int server =
-      (std::thread(run_at_q_thread, nullptr).detach(), dup2(zero[0], 0), accept(listener, nullptr, nullptr));
-  if (size > 4096 || memmem(data, size, "OK\r", 3) || memmem(data, size, "ERROR", 5) || memmem(data, size, "SYNC", 4))
+  static const int server = (std::thread(run_at_q_thread, nullptr).detach(), dup2(zero[0], 0),
+                             accept(listener, nullptr, nullptr));
+  if (size > 4096 || memmem(data, size, "OK\r", 3) || memmem(data, size, "ERROR", 5) ||
+      memmem(data, size, "SYNC", 4))
     return 0;
   auto answers = fz::split({reinterpret_cast<const char*>(data), size}, '\0');
   auto lines = fz::split(answers[0], '\n', true);

@@ -27,12 +27,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   shutdown(modem[1], SHUT_WR);
   cmd_atsw_fd = modem[0];
   const int pick = size > 0 ? data[0] % 3 : 0;
-  pick == 0 ? zorSrv_HandleReadCEVVMEV() : pick == 1 ? zorSrv_HandleReadCEVVMCMD() : zorSrv_HandleSetCEVVMEV(-1);
+  pick == 0   ? zorSrv_HandleReadCEVVMEV()
+  : pick == 1 ? zorSrv_HandleReadCEVVMCMD()
+              : zorSrv_HandleSetCEVVMEV(-1);
   // One answer, ending in the handler's own result code, or ERROR alone; at
   // most one event line, whole.
   std::string answer = fz::take(out[1]), line = fz::take(at_unsol_sockfd[0]);
-  fz::check(subscribed && (answer.ends_with(pick ? "\r\nOK\r\n" : "\r\nAOK\r\n") || answer == "\r\nERROR\r\n"));
-  fz::check(line.empty() || (line.starts_with("+CEVVMEV:") && (line.ends_with(",0\r\n") || line.ends_with(",1\r\n"))));
+  fz::check(subscribed &&
+            (answer.ends_with(pick ? "\r\nOK\r\n" : "\r\nAOK\r\n") || answer == "\r\nERROR\r\n"));
+  fz::check(line.empty() || (line.starts_with("+CEVVMEV:") &&
+                             (line.ends_with(",0\r\n") || line.ends_with(",1\r\n"))));
   for (int fd : modem) close(fd);
   return 0;
 }

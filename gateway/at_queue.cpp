@@ -57,7 +57,8 @@ int32_t init_shared_ipc() {
   pthread_mutex_init(&atq_mtx.mutex, &atq_attr);
   pthread_cond_init(&atq_mtx.cond, &cond_attr);
 
-  void* area = mmap(nullptr, sizeof(ChildArea), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  void* area =
+      mmap(nullptr, sizeof(ChildArea), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   auto* child_area = (area == MAP_FAILED) ? &private_child_area : static_cast<ChildArea*>(area);
   childs = child_area->slots;
   childs_count = &child_area->count;

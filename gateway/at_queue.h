@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-constexpr int CHILD_SLOTS = 11;        // slot 10 is never used
+constexpr int CHILD_SLOTS = 11;  // slot 10 is never used
 constexpr int MAX_CHILDS = 10;
 constexpr uint32_t CHILD_MID = 123456;
 constexpr uint32_t CHILD_UCAST_PORT = 6688;

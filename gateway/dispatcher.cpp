@@ -21,7 +21,7 @@
 namespace {
 
 const char* const NAME = "run_at_q_thread";
-constexpr int CONNECT_RETRIES = 500;      // 1 ms apart
+constexpr int CONNECT_RETRIES = 500;       // 1 ms apart
 constexpr int LATE_CONNECT_RETRIES = 100;  // 100 ms apart, after those
 constexpr int AOK_LINE_MAX = 1021;
 
@@ -36,8 +36,8 @@ struct Dispatcher {
   int rsp_start = 0;
   int rsp_end = 0;
   int rsp_count = 0;
-  bool rsp_nul = false;                  // a NUL was stored: the answer's text ends there
-  char rsp[RSP_BUFFER_SIZE + 1] = {};    // one answer; zero past rsp_count, and the last byte stays 0
+  bool rsp_nul = false;                // a NUL was stored: the answer's text ends there
+  char rsp[RSP_BUFFER_SIZE + 1] = {};  // one answer; zero past rsp_count, and the last byte stays 0
   char unsol[RSP_BUFFER_SIZE + 1] = {};  // one unsolicited text
   char own_cmd[128] = {};
 };
@@ -86,7 +86,11 @@ bool ends_in_final_result(const char* text, size_t length) {
   static constexpr struct {
     const char* bytes;
     size_t length;
-  } results[] = {{"\r\nOK\r\n", 6}, {"\r\nERROR\r\n", 9}, {"CME ERROR", 9}, {"\r\nAOK\r\n", 7}, {"\r\nNOK\r\n", 7}};
+  } results[] = {{"\r\nOK\r\n", 6},
+                 {"\r\nERROR\r\n", 9},
+                 {"CME ERROR", 9},
+                 {"\r\nAOK\r\n", 7},
+                 {"\r\nNOK\r\n", 7}};
   for (const auto& r : results)
     if (length >= r.length && memcmp(text + length - r.length, r.bytes, r.length) == 0) return true;
   return false;
@@ -99,8 +103,10 @@ void write_to(int fd, const char* text, size_t length) {
 
 // Two texts to one client in one write, so that the second is not held back
 // by the network waiting for the first one's acknowledgement.
-void write_to(int fd, const char* first, size_t first_length, const char* second, size_t second_length) {
-  iovec parts[2] = {{const_cast<char*>(first), first_length}, {const_cast<char*>(second), second_length}};
+void write_to(int fd, const char* first, size_t first_length, const char* second,
+              size_t second_length) {
+  iovec parts[2] = {{const_cast<char*>(first), first_length},
+                    {const_cast<char*>(second), second_length}};
   ssize_t written = writev(fd, parts, 2);
   (void)written;
 }
@@ -190,7 +196,8 @@ void take_command(Dispatcher& d) {
   ZLOG_INFO("got cmd, len %d from %X:%d\n", len, e.addr, e.port);
   LOG_AT_MSG(1, len, e.cmd);
   if (strcasestr(e.cmd, "AT") == nullptr) return;  // dropped: the slot is reused
-  ZLOG_INFO("=== AT CMD read (at_cmd_q_entry_index %d) %X:%d %s\n", at_cmd_q_entry_wr_index, e.addr, e.port, e.cmd);
+  ZLOG_INFO("=== AT CMD read (at_cmd_q_entry_index %d) %X:%d %s\n", at_cmd_q_entry_wr_index, e.addr,
+            e.port, e.cmd);
   at_cmd_q_entry_wr_index = (at_cmd_q_entry_wr_index + 1) % AT_Q_SIZE;
   ++d.pending_cmds;
 }
@@ -205,7 +212,8 @@ void fix_line_end(char* cmd) {
     ZLOG_INFO("got command without \\r\\n , adding it now (old len %d)\n", static_cast<int>(len));
     if (room) strcat(cmd, "\r\n");
   } else if (last == '\r' && (len < 2 || cmd[len - 2] != '\n')) {
-    ZLOG_INFO("got command with only  \\r and no \\n , adding it now(old len %d)\n", static_cast<int>(len));
+    ZLOG_INFO("got command with only  \\r and no \\n , adding it now(old len %d)\n",
+              static_cast<int>(len));
     if (room) strcat(cmd, "\n");
   }
 }
@@ -224,7 +232,8 @@ void send_next(Dispatcher& d) {
   }
   fix_line_end(e.cmd);
   int len = static_cast<int>(strlen(e.cmd));
-  ZLOG_INFO("--> send command %d %s (%d) to at parser  (%d)\n", len, e.cmd, at_cmd_q_entry_rd_index, d.prs_fd);
+  ZLOG_INFO("--> send command %d %s (%d) to at parser  (%d)\n", len, e.cmd, at_cmd_q_entry_rd_index,
+            d.prs_fd);
   d.cmd_in_progress = 1;
   d.rsp_handled = 0;
   write_to(d.prs_fd, e.cmd, static_cast<size_t>(len));
@@ -241,8 +250,10 @@ void forget(Dispatcher& d, int fd) {
 
 }  // namespace
 
-int zor_handleAtRsp(int count, char* rsp, int* rsp_handled, int* rsp_end, int* rsp_start, int* rsp_count) {
-  ZLOG_INFO("%s: handling RSP: (cnt %d len %d)\n", "zor_handleAtRsp", count, static_cast<int>(strlen(rsp)));
+int zor_handleAtRsp(int count, char* rsp, int* rsp_handled, int* rsp_end, int* rsp_start,
+                    int* rsp_count) {
+  ZLOG_INFO("%s: handling RSP: (cnt %d len %d)\n", "zor_handleAtRsp", count,
+            static_cast<int>(strlen(rsp)));
   const int rd = at_cmd_q_entry_rd_index;
   AtQEntry& e = at_cmd_q_entry[rd];
   // The client's part of the answer; nothing for NOK.
@@ -275,8 +286,10 @@ int zor_handleAtRsp(int count, char* rsp, int* rsp_handled, int* rsp_end, int* r
     size_t len = strnlen(process_unsol, sizeof process_unsol);
     if (len > 0) deferred_length = len - 1;
   }
-  if (deferred_length > 0) write_to(e.connfd, part, part_length, process_unsol, deferred_length);
-  else if (part != nullptr) write_to(e.connfd, part, part_length);
+  if (deferred_length > 0)
+    write_to(e.connfd, part, part_length, process_unsol, deferred_length);
+  else if (part != nullptr)
+    write_to(e.connfd, part, part_length);
   ZLOG_INFO("=== at_cmd_q_entry_rd_index %d to %X:%d\n", rd, e.addr, e.port);
   relaxed_store(at_cmd_q_entry_rd_index, (rd + 1) % AT_Q_SIZE);  // the handlers read it
   // Only what was stored: the rest of the buffer is still zero.
@@ -308,9 +321,11 @@ void zor_handle_unsol_rsp(const char* text, int length, int pending) {
     }
     // strncpy: a text that fills its length gets no terminator, and the tail
     // of a longer earlier text stays behind it.
-    size_t copied = static_cast<size_t>(length) < sizeof process_unsol ? static_cast<size_t>(length) : sizeof process_unsol;
+    size_t copied = static_cast<size_t>(length) < sizeof process_unsol ? static_cast<size_t>(length)
+                                                                       : sizeof process_unsol;
     strncpy(process_unsol, text, copied);
-    ZLOG_INFO("Process AT delay unsolicited response to q index %d, address %X:%d\n", last, addr, port);
+    ZLOG_INFO("Process AT delay unsolicited response to q index %d, address %X:%d\n", last, addr,
+              port);
   }
 }
 
@@ -320,8 +335,10 @@ void* run_at_q_thread(void*) {
   d->epfd = epoll_create(3);
   ZLOG_INFO("%s entry\n", NAME);
   d->prs_fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  if (d->prs_fd < 0) ZLOG_ERROR("ERROR: create at parser socket %s\n", strerror(errno));
-  else ZLOG_INFO("AT_CMD_SOCKET_NAME: %s\n", "/tmp/zor-vvm_at_cmd_srv");
+  if (d->prs_fd < 0)
+    ZLOG_ERROR("ERROR: create at parser socket %s\n", strerror(errno));
+  else
+    ZLOG_INFO("AT_CMD_SOCKET_NAME: %s\n", "/tmp/zor-vvm_at_cmd_srv");
 
   ZLOG_INFO("adding at_prs (fd:%d ) to epoll\n", d->prs_fd);
   add_to_epoll(d->epfd, d->prs_fd, EPOLLIN, "epoll_ctl - add prs");

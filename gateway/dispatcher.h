@@ -12,7 +12,8 @@ void* run_at_q_thread(void* arg);
 // Writes a complete answer (count bytes collected in rsp, RSP_BUFFER_SIZE
 // bytes, cleared here) to the client of the entry at the read index, then
 // moves on to the next entry.
-int zor_handleAtRsp(int count, char* rsp, int* rsp_handled, int* rsp_end, int* rsp_start, int* rsp_count);
+int zor_handleAtRsp(int count, char* rsp, int* rsp_handled, int* rsp_end, int* rsp_start,
+                    int* rsp_count);
 // Sends text to every subscriber, or, while commands are pending, leaves it
 // for the clients of those commands (after their answers).
 void zor_handle_unsol_rsp(const char* text, int length, int pending);

@@ -38,7 +38,9 @@ SlotStart slot_start[MAX_CHILDS];
 // (as many as a pointer has left on the 32-bit target).
 constexpr int SLOT_BITS = 4;
 static_assert(MAX_CHILDS <= 1 << SLOT_BITS);
-uint32_t next_generation(uint32_t generation) { return (generation + 1) & (UINT32_MAX >> SLOT_BITS); }
+uint32_t next_generation(uint32_t generation) {
+  return (generation + 1) & (UINT32_MAX >> SLOT_BITS);
+}
 
 // A new connection from the address of the client in slot 0 replaces that
 // client. Only slot 0 is looked at, ten times over, as the daemon always did.
@@ -131,8 +133,9 @@ void* run_listener_thread(void*) {
   serv.sin_addr.s_addr = htonl(INADDR_ANY);
   serv.sin_port = htons(static_cast<uint16_t>(zord_port()));
   if (bind(listenfd, reinterpret_cast<sockaddr*>(&serv), sizeof serv) != 0)
-    foreground_warning("cannot bind TCP port %d: %s; clients cannot reach this zord (ZORD_PORT moves the port)",
-                       zord_port(), strerror(errno));
+    foreground_warning(
+        "cannot bind TCP port %d: %s; clients cannot reach this zord (ZORD_PORT moves the port)",
+        zord_port(), strerror(errno));
   listen(listenfd, CLIENT_BACKLOG);
 
   for (;;) {
@@ -185,7 +188,8 @@ void hand_over(const ChildEntry& me, const char* line) {
   MutexLock lock(atq_mtx.mutex);
   ZLOG_INFO("-------------->write to cmd AT: %s\n", line);
   if (write(at_cmd_sockfd[1], &block, sizeof block) < static_cast<ssize_t>(sizeof block)) {
-    ZLOG_ERROR("%s: could not send %d bytes to socket %d\n", HANDLER, static_cast<int>(sizeof block), at_cmd_sockfd[1]);
+    ZLOG_ERROR("%s: could not send %d bytes to socket %d\n", HANDLER,
+               static_cast<int>(sizeof block), at_cmd_sockfd[1]);
     free(block);  // nobody else will
   }
   usleep(5000);  // hand-overs are spaced at least 5 ms apart
@@ -215,8 +219,8 @@ void* zor_listener_handler(void* arg) {
     pthread_exit(reinterpret_cast<void*>(1));
   }
   int32_t cmd_enabled = me.cmd_enabled;
-  ZLOG_INFO("%s: i am child num %d (%X:%d:%d:%X) timeout per child %d msec\n", HANDLER, slot, me.addr, me.port,
-            me.connfd, me.mid, station_timeout);
+  ZLOG_INFO("%s: i am child num %d (%X:%d:%d:%X) timeout per child %d msec\n", HANDLER, slot,
+            me.addr, me.port, me.connfd, me.mid, station_timeout);
 
   char line[1024] = {};
   char reply[100] = {};  // never cleared: a reply that is not replaced is sent again
@@ -250,14 +254,18 @@ void* zor_listener_handler(void* arg) {
       }
     } else if (enable_cmd) {
       ZLOG_INFO("====# get cmd: %s\n", line);
-      if (holds_after_equals(line, '1')) cmd_enabled = 1;
-      else if (holds_after_equals(line, '0')) cmd_enabled = 0;
+      if (holds_after_equals(line, '1'))
+        cmd_enabled = 1;
+      else if (holds_after_equals(line, '0'))
+        cmd_enabled = 0;
       relaxed_store(childs[slot].cmd_enabled, cmd_enabled);
       strcpy(reply, "OK\r\n");
     } else if (strncasecmp(line, "AT+CEVVMEV=", 11) == 0) {
       ZLOG_INFO("====get cmd: %s\n", line);
-      if (holds_after_equals(line, '1')) relaxed_store(childs[slot].unsol_enabled, 1);
-      else if (holds_after_equals(line, '0')) relaxed_store(childs[slot].unsol_enabled, 0);
+      if (holds_after_equals(line, '1'))
+        relaxed_store(childs[slot].unsol_enabled, 1);
+      else if (holds_after_equals(line, '0'))
+        relaxed_store(childs[slot].unsol_enabled, 0);
       strcpy(reply, "OK\r\n");
     } else {
       hand_over(me, line);

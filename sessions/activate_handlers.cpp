@@ -30,7 +30,8 @@ uint32_t parse_ipv4(const char* text) {
   return (a << 24) | (b << 16) | (c << 8) | d;
 }
 
-int zorSrv_handleActivateDeactivate(int activate, int32_t areaid, const char* tmgi, uint32_t mc_addr) {
+int zorSrv_handleActivateDeactivate(int activate, int32_t areaid, const char* tmgi,
+                                    uint32_t mc_addr) {
   const AtQEntry* q = zor_getCurrAtQEntry();
   ZLOG_INFO("%s entry\n", "zorSrv_handleActivateDeactivate");
   char cmd[COMMAND_SIZE] = {};
@@ -42,7 +43,8 @@ int zorSrv_handleActivateDeactivate(int activate, int32_t areaid, const char* tm
   if (activate) {
     ZLOG_INFO("activate\n");
     if (zor_db_get_entry_by_all(tmgi, mc_addr, uc_addr, uc_port, areaid, &index) != nullptr) {
-      ZLOG_INFO("will not send at command to fw since there is aleady tmgi & area id at index %d\n", index);
+      ZLOG_INFO("will not send at command to fw since there is aleady tmgi & area id at index %d\n",
+                index);
       return zorSrv_SendResponse(RESULT_OK);
     }
     // The modem's reply goes to the client: no result code of our own.
@@ -80,8 +82,8 @@ int zorSrv_handleDeactivateAll() {
   zorSrv_sendATCmdToAtSwitch(cmd, &result, nullptr);  // still empty: a bare "AT"
 
   int32_t pairs = 0;
-  int32_t removed =
-      zor_db_remove_entries_by_ucast(q->addr, static_cast<int32_t>(q->ucast_port), &pairs, deactivate_list);
+  int32_t removed = zor_db_remove_entries_by_ucast(q->addr, static_cast<int32_t>(q->ucast_port),
+                                                   &pairs, deactivate_list);
   if (removed > 0 && pairs > 0) {
     ZLOG_INFO("deactivating %d\n", pairs);
     for (int32_t i = 0; i < pairs; ++i) {

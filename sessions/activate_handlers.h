@@ -8,7 +8,8 @@
 // One session (TMGI text of 12 characters) for the current queue entry's
 // client. Activation answers through the modem's relayed reply; the other
 // paths end with a result code.
-int zorSrv_handleActivateDeactivate(int activate, int32_t areaid, const char* tmgi, uint32_t mc_addr);
+int zorSrv_handleActivateDeactivate(int activate, int32_t areaid, const char* tmgi,
+                                    uint32_t mc_addr);
 // Every session of the current queue entry's client; always answers OK.
 int zorSrv_handleDeactivateAll();
 

@@ -31,7 +31,8 @@ if [ ! -f build/default/CMakeCache.txt ]; then
   cmake --preset default >/dev/null
 fi
 echo "== building zord, atsw-sim and zordctl in build/default (about a minute the first time)"
-cmake --build --preset default --target zord atsw-sim zordctl | grep --line-buffered -E '^\[ *[0-9]+%\] Built target' || true
+cmake --build --preset default --target zord atsw-sim zordctl |
+  grep --line-buffered -E '^\[ *[0-9]+%\] Built target' || true
 flock -u 9
 bin=$PWD/build/default
 
@@ -54,7 +55,8 @@ port_taken() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
 # zord on 6666, may be running beside this one).
 if [ -n "${ZORD_PORT:-}" ]; then
   if port_taken "$ZORD_PORT"; then
-    echo "demo: port $ZORD_PORT (from ZORD_PORT) is taken by another program; unset ZORD_PORT to let the demo pick a free one" >&2
+    echo "demo: port $ZORD_PORT (from ZORD_PORT) is taken by another program;" \
+      "unset ZORD_PORT to let the demo pick a free one" >&2
     exit 1
   fi
 else

@@ -62,19 +62,27 @@ TEST_F(AtServer, TheLinkFramesACommandAndReadsItsAnswerToTheFinalResult) {
       {"ATI", {ERR + OK}, "ATI\n", 0, ERR + OK},
       {"ATI", {"\r\n+CEREG: 0,1\r\n"}, "ATI\n", 7, "", true},
       {"ATI", {std::string(2048, '\r'), OK}, "ATI\n", 0, crs_expanded},
-      {"AT+CIMI", {"\r\n+CIMI: 310410123456789\r\n\r\nOK\r\n"}, "AT+CIMI\n", 0, "\r\n+CIMI: 3", false, 11},
+      {"AT+CIMI",
+       {"\r\n+CIMI: 310410123456789\r\n\r\nOK\r\n"},
+       "AT+CIMI\n",
+       0,
+       "\r\n+CIMI: 3",
+       false,
+       11},
   };
   for (const Row& row : rows) {
     int sv[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sv), 0);
-    for (const std::string& part : row.parts) ASSERT_EQ(write(sv[1], part.data(), part.size()), ssize_t(part.size()));
+    for (const std::string& part : row.parts)
+      ASSERT_EQ(write(sv[1], part.data(), part.size()), ssize_t(part.size()));
     if (row.closed) shutdown(sv[1], SHUT_WR);
     cmd_atsw_fd = sv[0];
     int status = 7;
     std::vector<char> answer(row.room + 1);
     zorSrv_sendATCmdToAtSwitch(row.cmd, &status, answer.data(), row.room);
     EXPECT_EQ(std::tuple(zt::read_available(sv[1]), status, std::string(answer.data())),
-              std::tuple(row.sent, row.status, row.answer)) << row.cmd;
+              std::tuple(row.sent, row.status, row.answer))
+        << row.cmd;
     close(sv[0]);
     close(sv[1]);
   }
@@ -91,12 +99,13 @@ TEST(AtServerDeathTest, WritingToAClosedSwitchEndsTheProcess) {
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
   close(sv[1]);
   cmd_atsw_fd = sv[0];
-  EXPECT_EXIT(zorSrv_sendATCmdToAtSwitch("AT+CEREG?\n\r", nullptr, nullptr), ::testing::KilledBySignal(SIGPIPE), "");
+  EXPECT_EXIT(zorSrv_sendATCmdToAtSwitch("AT+CEREG?\n\r", nullptr, nullptr),
+              ::testing::KilledBySignal(SIGPIPE), "");
 }
 
 TEST(AtServerDeathTest, TheCommandServerEndsTheProcessWhenItCannotBind) {
-  EXPECT_EXIT(zorSrv_OpenServerSocket("/nonexistent-zord-dir/zor-vvm_at_prs_srv"), ::testing::ExitedWithCode(1),
-              "bind: No such file or directory");
+  EXPECT_EXIT(zorSrv_OpenServerSocket("/nonexistent-zord-dir/zor-vvm_at_prs_srv"),
+              ::testing::ExitedWithCode(1), "bind: No such file or directory");
 }
 
 // OK, ERROR, information texts with OK or AOK and forwarded answers show in
@@ -109,10 +118,12 @@ TEST_F(AtServer, ResultWritersWriteExactlyTheseBytes) {
     const char* text;  // none: the result code alone
     int code;
     std::string bytes;
-  } rows[] = {{nullptr, 2, L + "AOK" + L}, {nullptr, 3, L + "NOK" + L}, {nullptr, 4, ""},
-              {"t", 1, L + "t" + L + ERR}, {"t", 3, L + "t" + L + "NOK" + L}, {"t", 4, L + "t" + L}};
+  } rows[] = {
+      {nullptr, 2, L + "AOK" + L}, {nullptr, 3, L + "NOK" + L},       {nullptr, 4, ""},
+      {"t", 1, L + "t" + L + ERR}, {"t", 3, L + "t" + L + "NOK" + L}, {"t", 4, L + "t" + L}};
   for (const Row& row : rows) {
-    row.text != nullptr ? zorSrv_SendResponseText(row.text, row.code) : zorSrv_SendResponse(row.code);
+    row.text != nullptr ? zorSrv_SendResponseText(row.text, row.code)
+                        : zorSrv_SendResponse(row.code);
     EXPECT_EQ(zt::read_available(out[1]), row.bytes) << row.code;
   }
   zorSrv_OutSocket = -1;
@@ -126,10 +137,12 @@ TEST_F(AtServer, ResultWritersWriteExactlyTheseBytes) {
 // not name it after a number above 0, and inside a longer role name.
 TEST_F(AtServer, TheCommandServerAnswersEachLineWithItsEchoesThenTheResultCodes) {
   const char* path = getenv("PATH");
-  setenv("PATH", (std::string(UCI_SIM_DIR) + ":" + (path != nullptr ? path : "/usr/bin:/bin")).c_str(), 1);
+  setenv("PATH",
+         (std::string(UCI_SIM_DIR) + ":" + (path != nullptr ? path : "/usr/bin:/bin")).c_str(), 1);
   mkdir((root_.path() + "/etc").c_str(), 0755);
   mkdir((root_.path() + "/etc/atswitch_config").c_str(), 0755);
-  FILE* config = fopen((root_.path() + "/etc/atswitch_config/atswitch_ecm_config.csv").c_str(), "w");
+  FILE* config =
+      fopen((root_.path() + "/etc/atswitch_config/atswitch_ecm_config.csv").c_str(), "w");
   fputs("0,CUSTOM2\nabc,CUSTOM2\n11,CUSTOM22,x\n", config);
   fclose(config);
   atsw::Simulator sim({root_.path(), 11, 12, true});  // keeps the configuration
@@ -167,30 +180,61 @@ TEST_F(AtServer, TheCommandServerAnswersEachLineWithItsEchoesThenTheResultCodes)
   // one value (nothing called, no result), a bad line (one ERROR, found in
   // the line or on its end), a line for the switch (everything after AT up
   // to the LF; the line then ends as a bare AT), and the two queries.
-  auto set = [&](std::string line, int event) { return Row{line + L, line + "\r" + OK + "\n", cell_query, event}; };
+  auto set = [&](std::string line, int event) {
+    return Row{line + L, line + "\r" + OK + "\n", cell_query, event};
+  };
   auto none = [](std::string line) { return Row{line + L, line + L}; };
   auto bad = [](std::string line) { return Row{line + L, line + "\r" + ERR + "\n"}; };
   auto pass = [](std::string line, std::string answer, std::string modem = "") {
     return Row{line + L, line + "\r" + answer + L + OK + "\n", modem.empty() ? line + L : modem};
   };
   Row rows[] = {
-      {"XYZ\r\n", "XYZ\r" + ERR + "\n"}, {"at\r\n", "at\r" + OK + "\n"},  // the first line: ERROR at its end
-      {"XYZ\r\n", "X" + ERR + "YZ\r\n"}, {"A\r\n", "A" + ERR + "\r\n"},   // after a line end: at once
-      set("AT+CEVVMEV=5", 5), set("AT+CEVVMEV=\"7\"", 7), set("AT+CEVVMEV= 5", 5), set("at+cevvmev =\t7 ", 7),
-      set("AT+CEVVMEV=+7", 7), set("AT+CEVVMEV=\"-1\"", -1), set("AT+CEVVMEV=a b", 0),
-      none("AT+CEVVMEV=1,2"), none("AT+CEVVMEV=5,"), none("AT+CEVVMEV=1,,2"),
+      {"XYZ\r\n", "XYZ\r" + ERR + "\n"},
+      {"at\r\n", "at\r" + OK + "\n"},  // the first line: ERROR at its end
+      {"XYZ\r\n", "X" + ERR + "YZ\r\n"},
+      {"A\r\n", "A" + ERR + "\r\n"},  // after a line end: at once
+      set("AT+CEVVMEV=5", 5),
+      set("AT+CEVVMEV=\"7\"", 7),
+      set("AT+CEVVMEV= 5", 5),
+      set("at+cevvmev =\t7 ", 7),
+      set("AT+CEVVMEV=+7", 7),
+      set("AT+CEVVMEV=\"-1\"", -1),
+      set("AT+CEVVMEV=a b", 0),
+      none("AT+CEVVMEV=1,2"),
+      none("AT+CEVVMEV=5,"),
+      none("AT+CEVVMEV=1,,2"),
       // "" keeps the first slot of the line before, unless that began with a comma.
-      set("AT+CEVVMEV=3", 3), set("AT+CEVVMEV=\"\"", 3), none("AT+CEVVMEV=,5"), set("AT+CEVVMEV=\"\"", 0),
-      bad("AT+CEVVMEV=?"), bad("AT+CEVVMEV=#"), bad("AT+CEVVMEV="), bad("AT+CEVVMEV=,,"), bad("AT+CEVVMEV=,5,"),
-      bad("AT+CEVVMEV=\"x\"y"), bad("AT+CEVVMEV=\"a,b\""), bad("AT+CEVVMEV=1\"2\""), bad("AT+CEVVMEV"),
-      bad("AT+CEVVMC"), bad("AT+CEVVMEX"), bad("AT+CEVVMEV?X"), bad("AT+CEVVMCMD=1"), bad("AT+CEVVMCMD=?"),
-      pass("ATI", "\r\natsw-sim modem model 1\r\n" + OK), pass("ATAT", OK, "AT\r\n"),
-      pass("AT+CEREG?", "\r\n+CEREG: 2,1,\"1A2B\",\"01A2D101\",7\r\n" + OK), pass("AT+CGMI", ERR),
-      pass("AT+CEVVMX", ERR), pass("AT  ", ERR),
+      set("AT+CEVVMEV=3", 3),
+      set("AT+CEVVMEV=\"\"", 3),
+      none("AT+CEVVMEV=,5"),
+      set("AT+CEVVMEV=\"\"", 0),
+      bad("AT+CEVVMEV=?"),
+      bad("AT+CEVVMEV=#"),
+      bad("AT+CEVVMEV="),
+      bad("AT+CEVVMEV=,,"),
+      bad("AT+CEVVMEV=,5,"),
+      bad("AT+CEVVMEV=\"x\"y"),
+      bad("AT+CEVVMEV=\"a,b\""),
+      bad("AT+CEVVMEV=1\"2\""),
+      bad("AT+CEVVMEV"),
+      bad("AT+CEVVMC"),
+      bad("AT+CEVVMEX"),
+      bad("AT+CEVVMEV?X"),
+      bad("AT+CEVVMCMD=1"),
+      bad("AT+CEVVMCMD=?"),
+      pass("ATI", "\r\natsw-sim modem model 1\r\n" + OK),
+      pass("ATAT", OK, "AT\r\n"),
+      pass("AT+CEREG?", "\r\n+CEREG: 2,1,\"1A2B\",\"01A2D101\",7\r\n" + OK),
+      pass("AT+CGMI", ERR),
+      pass("AT+CEVVMX", ERR),
+      pass("AT  ", ERR),
       {"at+cevvmev? \r\n", "at+cevvmev? \r\r\n+CEVVMEV:" + cell + ",FDD\r\nAOK\r\n\n", cell_query},
-      {"At+CeVvMcMd?\r\n", "At+CeVvMcMd?\r\r\n+CEVVMCMD:310410123456789," + cell + ",FDD" + OK + "\n",
+      {"At+CeVvMcMd?\r\n",
+       "At+CeVvMcMd?\r\r\n+CEVVMCMD:310410123456789," + cell + ",FDD" + OK + "\n",
        "AT+CIMI\n\r\n" + cell_query},
-      {"  AT\r\n", "  AT\r" + OK + "\n"}, {"\r\n", "\r\n"}, {"AT\r\n", "AT\r" + OK + "\n"},
+      {"  AT\r\n", "  AT\r" + OK + "\n"},
+      {"\r\n", "\r\n"},
+      {"AT\r\n", "AT\r" + OK + "\n"},
       // From the 19th value on the count stays 18; the last value is in the overflow slot.
       {nineteen + "\r\nAT\r\n", nineteen + "\r\nAT\r" + OK + "\n"},
   };

@@ -30,7 +30,8 @@ def wait_until(condition, timeout=WAIT):
 def read_until(f, want, timeout=WAIT):
     got, deadline = b'', time.monotonic() + timeout
     while want is None or want.encode('latin-1') not in got:
-        chunk = select.select([f], [], [], max(0, deadline - time.monotonic()))[0] and os.read(f.fileno(), 4096)
+        chunk = select.select([f], [], [], max(0, deadline - time.monotonic()))[0] and os.read(
+            f.fileno(), 4096)
         if not chunk:
             break
         got += chunk
@@ -74,6 +75,7 @@ def free_port():
 # once, at the start): queries wait for that, and the modem's bytes count
 # from after it.
 class Run(contextlib.AbstractContextManager):
+
     def __init__(self, zord=None, sim=False):
         self.root = tempfile.mkdtemp(prefix='zord', dir='/tmp')
         os.makedirs(self.root + '/tmp/logs')
@@ -87,8 +89,9 @@ class Run(contextlib.AbstractContextManager):
                 self.zord = self.start([ZORD] + zord, stdout=subprocess.DEVNULL)  # its traces
                 assert self.wait_log(STARTED), 'zord did not start'
                 # Seen in the kernel's table: a connection would be a client.
-                assert wait_until(lambda: any(r.split()[1].endswith(':%04X' % self.port) and r.split()[3] == '0A'
-                                              for r in open('/proc/net/tcp').readlines()[1:])), 'zord does not listen'
+                assert wait_until(lambda: any(
+                    r.split()[1].endswith(':%04X' % self.port) and r.split()[3] == '0A'
+                    for r in open('/proc/net/tcp').readlines()[1:])), 'zord does not listen'
             if sim and zord is not None:
                 assert self.wait_log('Registration stat is'), 'no registration query'
                 self.modem_since()
@@ -109,10 +112,19 @@ class Run(contextlib.AbstractContextManager):
 
     def rooted(self):  # the processes that run in this root
         entry = ('ZORD_ROOT=' + self.root).encode()
-        return [int(p) for p in os.listdir('/proc') if p.isdigit() and entry in proc(p, 'environ').split(b'\0')]
+        return [
+            int(p) for p in os.listdir('/proc')
+            if p.isdigit() and entry in proc(p, 'environ').split(b'\0')
+        ]
 
     def start(self, argv, env=(), stdin=subprocess.DEVNULL, **pipes):
-        return subprocess.Popen(LAUNCHER + argv, env={**self.env, **dict(env)}, stdin=stdin, **pipes)
+        return subprocess.Popen(LAUNCHER + argv,
+                                env={
+                                    **self.env,
+                                    **dict(env)
+                                },
+                                stdin=stdin,
+                                **pipes)
 
     def log(self):  # without the time texts
         path = self.root + '/tmp/logs/zord-vvm-app.log'
@@ -132,7 +144,8 @@ class Run(contextlib.AbstractContextManager):
             assert reply.endswith('ok\n'), f'{line}: {reply}'
         return reply[:-3]
 
-    def modem_since(self):  # what the modem received on the daemon's command connection since the last call
+    def modem_since(
+            self):  # what the modem received on the daemon's command connection since the last call
         got = self.modem('bytes 1')[:-1].encode('latin-1').decode('unicode_escape')
         fresh, self.seen = got[self.seen:], len(got)
         return fresh
@@ -140,8 +153,10 @@ class Run(contextlib.AbstractContextManager):
     # Enabled clients, each from its own loopback address: a new connection
     # from the address of the client in the first slot drops that client.
     def clients(self, n):
-        clients = [socket.create_connection(('127.0.0.1', self.port), WAIT, (f'127.0.0.{next(self.sources)}', 0))
-                   for _ in range(n)]
+        clients = [
+            socket.create_connection(('127.0.0.1', self.port), WAIT,
+                                     (f'127.0.0.{next(self.sources)}', 0)) for _ in range(n)
+        ]
         for c in clients:
             expect(c, 'AT+CEVVMCMD=1\r\n', 'OK\r\n', 'enabling')
         return clients

@@ -5,27 +5,38 @@ from harness import *
 
 CELL_QUERY = 'AT+CEREG?\n\r\nAT+COPS=3,2\n\r\nAT+COPS?\n\r\nAT%PCONI\n\r\n'
 IMSI_QUERY = 'AT+CIMI\n\r\n'
-CELL, NEW_CELL = '3104101A2B1A2D101', '31041000C1BEEF001'  # the simulator's cell, and after "cell 00C1 0BEEF001"
+# The simulator's cell, and the cell after "cell 00C1 0BEEF001".
+CELL, NEW_CELL = '3104101A2B1A2D101', '31041000C1BEEF001'
 EV, CMD = f'+CEVVMEV:{CELL},FDD\r\n', f'+CEVVMCMD:310410123456789,{CELL},FDD\r\nOK\r\n'
 NEW_EV, NEW_CMD = EV.replace(CELL, NEW_CELL), CMD.replace(CELL, NEW_CELL)
 
 
 def test_each_query_gets_its_part_of_the_answer_and_the_modem_its_commands():
     # A row's line is what a client sends, or the arguments of zordctl.
-    rows = [([], 'AT+CEVVMEV?\r\n', EV, CELL_QUERY), ([], 'AT+CEVVMCMD?\r\n', CMD, IMSI_QUERY + CELL_QUERY),
-            ([], ['check'], (0, f'serving: registered on {CELL}, FDD\n'), IMSI_QUERY + CELL_QUERY),
-            (['deregister 4'], 'AT+CEVVMEV?\r\n', '+CEVVMEV:NULL,NULL\r\n', 'AT+CEREG?\n\r\n'),
-            ([], 'AT+CEVVMCMD?\r\n', '+CEVVMCMD:310410123456789,NULL,NULL\r\nOK\r\n', IMSI_QUERY + 'AT+CEREG?\n\r\n'),
-            (['register roaming', r'answer AT+COPS? \r\n+COPS: 0\r\n\r\nOK\r\n'], 'AT+CEVVMEV?\r\n', 'ERROR\r\n',
-             CELL_QUERY.replace('AT%PCONI\n\r\n', '')),
-            (['answer AT+COPS?', 'duplex none'], 'AT+CEVVMCMD?\r\n', 'ERROR\r\n', IMSI_QUERY + CELL_QUERY),
-            # The dispatcher ends every line for the command server; LF alone stays.
-            (['duplex FDD'], 'ATE0', 'OK\r\n', 'ATE0\r\n'), ([], 'ATE0\r', 'OK\r\n', 'ATE0\r\n'),
-            ([], 'ATE0\n', 'OK\r\n', 'ATE0\n'), ([], 'ate1\r\n', 'OK\r\n', 'ATe1\r\n'),
-            # The cell identity keeps what it finds of the modem's quotes.
-            (['quote on'], ['cell'], (0, '+CEVVMEV:310410"1A201A2D10,FDD\n'), CELL_QUERY),
-            ([], ['identity'], (0, '+CEVVMCMD:310410123456789,310410"1A201A2D10,FDD\n'), IMSI_QUERY + CELL_QUERY),
-            ([], ['send', 'ATE0'], (0, 'OK\n'), 'ATE0\r\n'), ([], ['send', 'XYZ'], (4, 'ERROR\n'), '')]
+    rows = [
+        ([], 'AT+CEVVMEV?\r\n', EV, CELL_QUERY),
+        ([], 'AT+CEVVMCMD?\r\n', CMD, IMSI_QUERY + CELL_QUERY),
+        ([], ['check'], (0, f'serving: registered on {CELL}, FDD\n'), IMSI_QUERY + CELL_QUERY),
+        (['deregister 4'], 'AT+CEVVMEV?\r\n', '+CEVVMEV:NULL,NULL\r\n', 'AT+CEREG?\n\r\n'),
+        ([], 'AT+CEVVMCMD?\r\n', '+CEVVMCMD:310410123456789,NULL,NULL\r\nOK\r\n',
+         IMSI_QUERY + 'AT+CEREG?\n\r\n'),
+        (['register roaming',
+          r'answer AT+COPS? \r\n+COPS: 0\r\n\r\nOK\r\n'], 'AT+CEVVMEV?\r\n', 'ERROR\r\n',
+         CELL_QUERY.replace('AT%PCONI\n\r\n', '')),
+        (['answer AT+COPS?',
+          'duplex none'], 'AT+CEVVMCMD?\r\n', 'ERROR\r\n', IMSI_QUERY + CELL_QUERY),
+        # The dispatcher ends every line for the command server; LF alone stays.
+        (['duplex FDD'], 'ATE0', 'OK\r\n', 'ATE0\r\n'),
+        ([], 'ATE0\r', 'OK\r\n', 'ATE0\r\n'),
+        ([], 'ATE0\n', 'OK\r\n', 'ATE0\n'),
+        ([], 'ate1\r\n', 'OK\r\n', 'ATe1\r\n'),
+        # The cell identity keeps what it finds of the modem's quotes.
+        (['quote on'], ['cell'], (0, '+CEVVMEV:310410"1A201A2D10,FDD\n'), CELL_QUERY),
+        ([], ['identity'], (0, '+CEVVMCMD:310410123456789,310410"1A201A2D10,FDD\n'),
+         IMSI_QUERY + CELL_QUERY),
+        ([], ['send', 'ATE0'], (0, 'OK\n'), 'ATE0\r\n'),
+        ([], ['send', 'XYZ'], (4, 'ERROR\n'), '')
+    ]
     with Run(zord=[], sim=True) as road:
         [c] = road.clients(1)
         for controls, line, answer, modem in rows:
@@ -74,8 +85,8 @@ def test_subscribers_hear_of_registration_changes_and_nobody_else():
     # address says "not changed"; a new IPv6 address later says "changed".
     rows = [(['wan4 10.20.30.40', 'cell 1A2B 01A2D101'], f'+CEVVMEV:{CELL},FDD,0\r\n'),
             (['wan6 2001:db8::1', 'report'], f'+CEVVMEV:{CELL},FDD,1\r\n'),
-            (['deregister'], '+CEVVMEV:NULL,NULL,0\r\n'),
-            (['cell 00C1 0BEEF001'], ''), (['register'], f'+CEVVMEV:{NEW_CELL},FDD,0\r\n')]
+            (['deregister'], '+CEVVMEV:NULL,NULL,0\r\n'), (['cell 00C1 0BEEF001'], ''),
+            (['register'], f'+CEVVMEV:{NEW_CELL},FDD,0\r\n')]
     with Run(zord=[], sim=True) as road:
         subscriber, other = road.clients(2)
         road.modem('cell 00C1 0BEEF001')  # with no subscriber, the daemon asks the modem nothing
@@ -93,7 +104,8 @@ def test_subscribers_hear_of_registration_changes_and_nobody_else():
         watch.send_signal(signal.SIGINT)
         eq(watch.wait(WAIT), 0, 'zordctl watch: exit status on SIGINT')
         eq(re.sub(r'(?m)^[0-2]\d:[0-5]\d:[0-6]\d ', '', out + read_until(watch.stdout, None)),
-           ''.join(event.replace('\r', '') for _, event in rows), 'zordctl watch: each event with its time')
+           ''.join(event.replace('\r', '') for _, event in rows),
+           'zordctl watch: each event with its time')
 
 
 def test_an_event_while_commands_wait_goes_to_their_clients_after_their_answers():
@@ -109,7 +121,8 @@ def test_an_event_while_commands_wait_goes_to_their_clients_after_their_answers(
         assert road.wait_log('special handle of CEVVMEV unsol - send'), 'no command of its own'
         b.sendall(b'AT+CEVVMEV?\r\n')
         c.sendall(b'AT+CEVVMCMD?\r\n')
-        assert wait_until(lambda: road.log().count('=== AT CMD read') == 3), 'b and c were not queued'
+        assert wait_until(
+            lambda: road.log().count('=== AT CMD read') == 3), 'b and c were not queued'
         road.modem('delay 0')
         late = f'+CEVVMEV:{NEW_CELL},FDD,0\r'
         for client, answer in (slow, 'OK\r\n'), (b, NEW_EV + late), (c, NEW_CMD + late):

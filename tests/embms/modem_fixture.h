@@ -25,14 +25,16 @@ class ModemFixture : public ::testing::Test {
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, client_), 0);
     zorSrv_OutSocket = client_[0];
     std::string dir = root_.path();  // where the LTE interface keeps its forwarding rules
-    for (const char* d : {"/sys", "/devices", "/virtual", "/net", "/lte0"}) mkdir((dir += d).c_str(), 0755);
+    for (const char* d : {"/sys", "/devices", "/virtual", "/net", "/lte0"})
+      mkdir((dir += d).c_str(), 0755);
     fresh_modem();
   }
   // A modem model fresh from its defaults, connected as the command link.
   void fresh_modem() {
     if (cmd_atsw_fd > 0) close(cmd_atsw_fd);
     sim_ = nullptr;
-    sim_ = std::make_unique<atsw::Simulator>(atsw::Simulator::Options{root_.path(), 11, 12, false, false});
+    sim_ = std::make_unique<atsw::Simulator>(
+        atsw::Simulator::Options{root_.path(), 11, 12, false, false});
     std::string error;
     ASSERT_TRUE(sim_->start(&error)) << error;
     modem("quote on");  // the modem quirk the handlers copy as it comes
@@ -45,7 +47,9 @@ class ModemFixture : public ::testing::Test {
   std::string client_bytes() { return zt::read_available(client_[1]); }
   std::string unsol_bytes() { return zt::read_available(at_unsol_sockfd[0]); }  // to the dispatcher
   std::string log() const { return zt::without_time_text(zt::read_file(root_.log_path())); }
-  std::string rule(const char* f) const { return zt::read_file(root_.path() + "/sys/devices/virtual/net/lte0/" + f); }
+  std::string rule(const char* f) const {
+    return zt::read_file(root_.path() + "/sys/devices/virtual/net/lte0/" + f);
+  }
 
   zt::TempRoot root_;
   std::unique_ptr<atsw::Simulator> sim_;

@@ -34,7 +34,8 @@ class Gateway : public ::testing::Test {
     ASSERT_EQ(init_shared_ipc(), 0);
   }
   bool wait_for_log(const std::string& entry, size_t count = 1) {
-    return zt::wait_until([&] { return zt::count_of(zt::read_file(root_.log_path()), entry) >= count; }, zt::WAIT_MS);
+    return zt::wait_until(
+        [&] { return zt::count_of(zt::read_file(root_.log_path()), entry) >= count; }, zt::WAIT_MS);
   }
   zt::TempRoot root_;
 };
@@ -43,17 +44,22 @@ TEST_F(Gateway, RemoveChildByFdFreesTheFirstSlotHoldingTheDescriptor) {
   struct Row {
     std::vector<int> fds;                         // connfd of slot 0, 1, ...; the rest 0
     int count, fd, result, cleared, count_after;  // cleared: the slot emptied, or -1
-  } rows[] = {{{5, 6, 7, 8}, 4, 8, 1, 3, 3}, {{5, 6}, 2, 99, 0, -1, 2}, {{5}, 0, 5, 1, 0, 0},
-              {{5, 5}, 2, 5, 1, 0, 1}, {{5, 0, 7}, 2, 0, 1, 1, 1}};
+  } rows[] = {{{5, 6, 7, 8}, 4, 8, 1, 3, 3},
+              {{5, 6}, 2, 99, 0, -1, 2},
+              {{5}, 0, 5, 1, 0, 0},
+              {{5, 5}, 2, 5, 1, 0, 1},
+              {{5, 0, 7}, 2, 0, 1, 1, 1}};
   const ChildEntry empty{};
   for (const Row& row : rows) {
     for (int i = 0; i < MAX_CHILDS; ++i)
-      childs[i] = ChildEntry{CHILD_MID, 4000, 1, i < int(row.fds.size()) ? row.fds[i] : 0, CHILD_UCAST_PORT, 1, 1, 7};
+      childs[i] = ChildEntry{CHILD_MID,        4000, 1, i < int(row.fds.size()) ? row.fds[i] : 0,
+                             CHILD_UCAST_PORT, 1,    1, 7};
     *childs_count = row.count;
     EXPECT_EQ(remove_child_by_fd(row.fd), row.result) << row.fd;
     EXPECT_EQ(*childs_count, row.count_after) << row.fd;
     for (int i = 0; i < MAX_CHILDS; ++i)
-      EXPECT_EQ(memcmp(&childs[i], &empty, sizeof empty) == 0, i == row.cleared) << row.fd << ", slot " << i;
+      EXPECT_EQ(memcmp(&childs[i], &empty, sizeof empty) == 0, i == row.cleared)
+          << row.fd << ", slot " << i;
   }
 }
 
@@ -80,7 +86,8 @@ class Listener : public Gateway {
     socklen_t len = sizeof local;
     getsockname(c.fd(), reinterpret_cast<sockaddr*>(&local), &len);
     for (int i = 0; i < MAX_CHILDS; ++i)
-      if (relaxed_load(childs[i].port) == local.sin_port && relaxed_load(childs[i].connfd) != 0) return i;
+      if (relaxed_load(childs[i].port) == local.sin_port && relaxed_load(childs[i].connfd) != 0)
+        return i;
     return -1;
   }
   int port_ = -1;
@@ -89,19 +96,21 @@ class Listener : public Gateway {
 TEST_F(Listener, AnswersTheSwitchCommandsAndRefusesOtherLines) {
   struct Row {
     std::vector<std::pair<std::string, std::string>> steps;  // a line and its reply ("": none)
-    bool closed;    // after the last step
+    bool closed;                                             // after the last step
     int unsol = 0;  // the subscription after the last step, when open
   } rows[] = {
       {{{"at+cevvmcmd=1\r\n", OK}}, false},
       {{{"AT+CEVVMEV?\r\n", ERROR}, {ON, OK}}, false},
-      {{{"AT+CEVVMEV?" + std::string(115, 'X') + "\r\n", ERROR}, {ON, OK}}, false},  // 128 characters
+      {{{"AT+CEVVMEV?" + std::string(115, 'X') + "\r\n", ERROR}, {ON, OK}},
+       false},  // 128 characters
       {{{"AT+CEVVMEV?" + std::string(116, 'X') + "\r\n", ERROR}}, true},
       {{{"AT+CSQ\r\n", ERROR}}, true},
       {{{"AT+CEVVMCMD=0\r\n", ""}, {ON, OK}}, false},
       {{{"AT+CEVVMCMD=?\r\n", ERROR}, {ON, OK}}, false},
       {{{ON, OK}, {"AT+CEVVMCMD=0\r\n", OK}, {"AT+CEVVMEV?\r\n", ERROR}}, false},
       {{{ON, OK}, {"AT+CEVVMCMD=?\r\n", OK}, {"AT+CEVVMEV=?\r\n", OK}}, false},
-      {{{"AT+CEVVMCMD=?\r\n", ERROR}, {"AT+CEVVMCMD=0\r\n", ERROR}}, false},  // the last reply again
+      {{{"AT+CEVVMCMD=?\r\n", ERROR}, {"AT+CEVVMCMD=0\r\n", ERROR}},
+       false},  // the last reply again
       {{{ON, OK}, {"AT+CEVVMEV=1\r\n", OK}}, false, 1},
       {{{ON, OK}, {"AT+CEVVMEV=1\r\n", OK}, {"at+cevvmev=0\r\n", OK}}, false, 0},
   };
@@ -110,11 +119,16 @@ TEST_F(Listener, AnswersTheSwitchCommandsAndRefusesOtherLines) {
     auto c = client(host++);
     for (const auto& [line, reply] : row.steps) {
       // Without a reply, the next one must be the first bytes to come once the line was taken.
-      if (reply.empty()) EXPECT_TRUE(c->send_line(line) && wait_for_log("====get cmd: " + line)) << line;
-      else EXPECT_EQ(c->request(line, reply), reply) << "client " << host - 1 << ": " << line;
+      if (reply.empty())
+        EXPECT_TRUE(c->send_line(line) && wait_for_log("====get cmd: " + line)) << line;
+      else
+        EXPECT_EQ(c->request(line, reply), reply) << "client " << host - 1 << ": " << line;
     }
-    if (row.closed) EXPECT_TRUE(c->closed_by_peer()) << "client " << host - 1;
-    else EXPECT_EQ(relaxed_load(childs[slot_of(*c)].unsol_enabled), row.unsol) << "client " << host - 1;
+    if (row.closed)
+      EXPECT_TRUE(c->closed_by_peer()) << "client " << host - 1;
+    else
+      EXPECT_EQ(relaxed_load(childs[slot_of(*c)].unsol_enabled), row.unsol)
+          << "client " << host - 1;
   }
 }
 
@@ -123,8 +137,10 @@ TEST_F(Listener, AnswersTheSwitchCommandsAndRefusesOtherLines) {
 TEST_F(Listener, ServedSocketsProbeAnIdlePeer) {
   auto c = client(2);
   int fd = relaxed_load(childs[slot_of(*c)].connfd);
-  for (auto [level, name, value] : {std::array{SOL_SOCKET, SO_KEEPALIVE, 1}, {IPPROTO_TCP, TCP_KEEPIDLE, 10},
-                                    {IPPROTO_TCP, TCP_KEEPCNT, 3}, {IPPROTO_TCP, TCP_KEEPINTVL, 10}}) {
+  for (auto [level, name, value] : {std::array{SOL_SOCKET, SO_KEEPALIVE, 1},
+                                    {IPPROTO_TCP, TCP_KEEPIDLE, 10},
+                                    {IPPROTO_TCP, TCP_KEEPCNT, 3},
+                                    {IPPROTO_TCP, TCP_KEEPINTVL, 10}}) {
     int got = 0;
     socklen_t len = sizeof got;
     EXPECT_TRUE(getsockopt(fd, level, name, &got, &len) == 0 && got == value) << name;
@@ -137,13 +153,16 @@ TEST_F(Listener, ServedSocketsProbeAnIdlePeer) {
 // closed and often before the thread of the connection it replaces has
 // started: every accepted descriptor is closed exactly once.
 TEST_F(Listener, ANewConnectionFromTheSlotZeroAddressDropsThatClientOnly) {
-  auto open_descriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+  auto open_descriptors = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+  };
   auto first = client(2), second = client(3);
   ASSERT_EQ(slot_of(*first), 0);
   ASSERT_EQ(slot_of(*second), 1);
   const auto before = open_descriptors();
   EXPECT_EQ(client(3)->request(ON, OK), OK);
-  for (int burst = 0; burst < 50; ++burst) {  // in fours, so that there are never more than ten clients
+  for (int burst = 0; burst < 50;
+       ++burst) {  // in fours, so that there are never more than ten clients
     ASSERT_TRUE(zt::wait_until([] { return relaxed_load(*childs_count) <= 5; }, zt::WAIT_MS));
     std::vector<std::unique_ptr<zt::Client>> clients;
     for (int i = 0; i < 3; ++i) clients.push_back(std::make_unique<zt::Client>(port_, "127.0.0.2"));
@@ -151,9 +170,11 @@ TEST_F(Listener, ANewConnectionFromTheSlotZeroAddressDropsThatClientOnly) {
   }
   EXPECT_TRUE(first->closed_by_peer());
   // Of all the ends of slot 0's address, only the first client's here stays open.
-  EXPECT_TRUE(zt::wait_until([&] { return relaxed_load(*childs_count) == 1 && open_descriptors() == before - 1; },
-                             zt::WAIT_MS))
-      << open_descriptors() - before << " more descriptors, " << relaxed_load(*childs_count) << " clients";
+  EXPECT_TRUE(zt::wait_until(
+      [&] { return relaxed_load(*childs_count) == 1 && open_descriptors() == before - 1; },
+      zt::WAIT_MS))
+      << open_descriptors() - before << " more descriptors, " << relaxed_load(*childs_count)
+      << " clients";
   EXPECT_EQ(second->request(ON, OK), OK);
 }
 
@@ -202,9 +223,11 @@ TEST_F(Dispatcher, WritesTheClientItsPartOfEachAnswer) {
       {"AT+CEVVMCMD?\r\n", "AT+CEVVMCMD?\r\n+CEVVMCMD: 2\r\nAOK\r\n", "+CEVVMCMD: 2\r\n"},
       {"AT+CEVVMEV?\r\n", "AT+CEVVMEV?\r" + info + "\r\nAOK\r\n", info.substr(0, 1021) + "\r\n"},
       // OK: all after the echoed line; what comes before its "A" is dropped.
-      {"AT+CEVVMEV?\r\n", "\r\nx\nAT+CEVVMEV?\r\n+CEVVMEV: 1\r\n\r\nOK\r\n", "+CEVVMEV: 1\r\n\r\nOK\r\n"},
-      {"ATI\r\n", "ATI\r\r\n+CME ERROR: 4\r\n", "+CME ERROR"},  // ends there; the rest goes before the next "A"
-      {"AT\r\n", "AT\r\r\nNOK\r\n", ""},                        // NOK: nothing
+      {"AT+CEVVMEV?\r\n", "\r\nx\nAT+CEVVMEV?\r\n+CEVVMEV: 1\r\n\r\nOK\r\n",
+       "+CEVVMEV: 1\r\n\r\nOK\r\n"},
+      {"ATI\r\n", "ATI\r\r\n+CME ERROR: 4\r\n",
+       "+CME ERROR"},                     // ends there; the rest goes before the next "A"
+      {"AT\r\n", "AT\r\r\nNOK\r\n", ""},  // NOK: nothing
   };
   size_t delivered = 0;
   for (const Row& row : rows) {
@@ -228,7 +251,8 @@ TEST_F(Dispatcher, ATwentyFirstCommandOverwritesTheSlotInProgress) {
   int zero[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, zero), 0);
   ASSERT_EQ(dup2(zero[0], 0), 0);
-  childs[3] = ChildEntry{CHILD_MID, 4003, 0x7f000002u, 99, CHILD_UCAST_PORT, 1, 1, 0};  // a subscriber
+  childs[3] =
+      ChildEntry{CHILD_MID, 4003, 0x7f000002u, 99, CHILD_UCAST_PORT, 1, 1, 0};  // a subscriber
   const std::string event = "+CEVVMEV:3104101A2B1A2D101,FDD,0\r\n";
   for (const std::string name : {"AT+C", "at+d"}) {
     const bool own = name == "AT+C";
@@ -242,7 +266,8 @@ TEST_F(Dispatcher, ATwentyFirstCommandOverwritesTheSlotInProgress) {
       ASSERT_TRUE(wait_for_log("special handle of CEVVMEV unsol - send"));
     } else {
       for (const std::string& text : {event, std::string("+X\r\n")}) {
-        ASSERT_EQ(write(at_unsol_sockfd[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+        ASSERT_EQ(write(at_unsol_sockfd[1], text.data(), text.size()),
+                  static_cast<ssize_t>(text.size()));
         ASSERT_TRUE(wait_for_log("Process AT delay unsolicited", text == event ? 1 : 2));
       }
     }

@@ -27,7 +27,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 int ms_left(Clock::time_point deadline) {
-  auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+  auto left =
+      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
   return left > 0 ? static_cast<int>(left) : 0;
 }
 
@@ -59,7 +60,9 @@ std::string without_time_text(const std::string& log) {
 
 size_t count_of(const std::string& haystack, const std::string& text) {
   size_t n = 0;
-  for (size_t at = haystack.find(text); at != std::string::npos; at = haystack.find(text, at + text.size())) ++n;
+  for (size_t at = haystack.find(text); at != std::string::npos;
+       at = haystack.find(text, at + text.size()))
+    ++n;
   return n;
 }
 
@@ -127,7 +130,8 @@ int free_tcp_port() {
   // Below the ephemeral range, so that no client connection of a test running
   // beside this one holds the number as its local port; bound the way the
   // daemon binds, to see that it is free.
-  static unsigned seed = static_cast<unsigned>(getpid()) * 2654435761u ^ static_cast<unsigned>(time(nullptr));
+  static unsigned seed =
+      static_cast<unsigned>(getpid()) * 2654435761u ^ static_cast<unsigned>(time(nullptr));
   for (int attempt = 0; attempt < 200; ++attempt) {
     int port = 20000 + static_cast<int>(rand_r(&seed) % 12000);
     int fd = socket(AF_INET, SOCK_STREAM, 0);
@@ -177,7 +181,8 @@ Client::~Client() {
 }
 
 bool Client::send_line(const std::string& line) {
-  return fd_ >= 0 && send(fd_, line.data(), line.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(line.size());
+  return fd_ >= 0 &&
+         send(fd_, line.data(), line.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(line.size());
 }
 
 std::string Client::request(const std::string& line, const std::string& text, int timeout_ms) {

@@ -31,8 +31,8 @@ struct Model {
   std::string plmn = "310410";
   std::string duplex = "FDD";  // empty: no duplexing line (not camped)
   std::string imsi = "310410123456789";
-  bool quoted = false;  // tac and ci in double quotes, as some modems answer
-  bool spaced = false;  // a blank after each comma
+  bool quoted = false;                     // tac and ci in double quotes, as some modems answer
+  bool spaced = false;                     // a blank after each comma
   std::map<std::string, std::string> raw;  // command (upper case) -> answer bytes
   bool autoreport = true;
   std::string wan4, wan6;  // the router's WAN addresses in /tmp/wan; empty: none
@@ -86,7 +86,8 @@ int listen_unix(const std::string& path, std::string* error) {
   addr.sun_family = AF_UNIX;
   memcpy(addr.sun_path, path.c_str(), path.size() + 1);
   unlink(path.c_str());
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(fd, 8) != 0) {
+  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+      listen(fd, 8) != 0) {
     *error = "cannot bind " + path + ": " + strerror(errno);
     if (fd >= 0) close(fd);
     return -1;
@@ -144,10 +145,14 @@ struct Simulator::Impl {
   static std::string ok() { return "\r\nOK\r\n"; }
 
   std::string cereg() const {
-    return info({"+CEREG: " + std::to_string(model.n) + sep() + std::to_string(model.stat) + location()}) + ok();
+    return info({"+CEREG: " + std::to_string(model.n) + sep() + std::to_string(model.stat) +
+                 location()}) +
+           ok();
   }
 
-  std::string report() const { return "\r\n+CEREG: " + std::to_string(model.stat) + location() + "\r\n"; }
+  std::string report() const {
+    return "\r\n+CEREG: " + std::to_string(model.stat) + location() + "\r\n";
+  }
 
   // Real modems give tac, ci and AcT with n 2 and up, and only while registered.
   std::string location() const {
@@ -156,8 +161,9 @@ struct Simulator::Impl {
   }
 
   std::string pconi() const {
-    std::vector<std::string> lines = {"%PCONI: " + std::string(registered() ? "camped" : "searching"),
-                                      "serving cell: earfcn 6300, pci 101"};
+    std::vector<std::string> lines = {
+        "%PCONI: " + std::string(registered() ? "camped" : "searching"),
+        "serving cell: earfcn 6300, pci 101"};
     if (!model.duplex.empty()) lines.push_back("duplexing mode: " + model.duplex);
     lines.push_back("bandwidth: 20 MHz");
     return info(lines) + ok();
@@ -171,11 +177,14 @@ struct Simulator::Impl {
     if (auto it = model.raw.find(key); it != model.raw.end()) return it->second;
     if (faults.fail > 0) {
       --faults.fail;
-      return faults.cme >= 0 ? "\r\n+CME ERROR: " + std::to_string(faults.cme) + "\r\n" : "\r\nERROR\r\n";
+      return faults.cme >= 0 ? "\r\n+CME ERROR: " + std::to_string(faults.cme) + "\r\n"
+                             : "\r\nERROR\r\n";
     }
     if (key == "AT+CEREG?") return cereg();
     if (key == "AT+COPS=3,2") return ok();
-    if (key == "AT+COPS?") return info({"+COPS: 0" + sep() + "2" + sep() + "\"" + model.plmn + "\"" + sep() + "7"}) + ok();
+    if (key == "AT+COPS?")
+      return info({"+COPS: 0" + sep() + "2" + sep() + "\"" + model.plmn + "\"" + sep() + "7"}) +
+             ok();
     if (key == "AT%PCONI") return pconi();
     if (key == "AT+CIMI") return info({"+CIMI: " + model.imsi}) + ok();
     if (key.rfind("AT%MBMSCMD=", 0) == 0) {
@@ -189,8 +198,9 @@ struct Simulator::Impl {
     }
     if (key == "ATI") return info({"atsw-sim modem model 1"}) + ok();
     // AT alone and other plain commands (ATE0, ATZ, ...): letters and digits only.
-    if (key.rfind("AT", 0) == 0 &&
-        std::all_of(key.begin() + 2, key.end(), [](char c) { return isalnum(static_cast<unsigned char>(c)); }))
+    if (key.rfind("AT", 0) == 0 && std::all_of(key.begin() + 2, key.end(), [](char c) {
+          return isalnum(static_cast<unsigned char>(c));
+        }))
       return ok();
     return "\r\nERROR\r\n";
   }
@@ -207,7 +217,8 @@ struct Simulator::Impl {
     } else {
       schedule.push_back({at, fd, std::move(bytes)});
     }
-    std::stable_sort(schedule.begin(), schedule.end(), [](auto& a, auto& b) { return a.at < b.at; });
+    std::stable_sort(schedule.begin(), schedule.end(),
+                     [](auto& a, auto& b) { return a.at < b.at; });
   }
 
   // Returns false when the connection is to be closed.
@@ -252,24 +263,28 @@ struct Simulator::Impl {
     for (std::string a; in >> a;) args.push_back(a);
     // The text after the command word, for commands that take free text.
     std::string rest;
-    if (size_t at = line.find_first_not_of(' ', line.find(cmd) + cmd.size()); !cmd.empty() && at != std::string::npos)
+    if (size_t at = line.find_first_not_of(' ', line.find(cmd) + cmd.size());
+        !cmd.empty() && at != std::string::npos)
       rest = line.substr(at);
     auto on_off = [&](bool* flag) -> std::string {
-      if (args.size() != 1 || (args[0] != "on" && args[0] != "off")) return "error: " + cmd + " takes on or off\n";
+      if (args.size() != 1 || (args[0] != "on" && args[0] != "off"))
+        return "error: " + cmd + " takes on or off\n";
       *flag = args[0] == "on";
       return "ok\n";
     };
     auto number = [&](int* value, int lo, int hi) -> std::string {
       int v = 0;
       if (args.size() != 1 || !parse_int(args[0], &v) || v < lo || v > hi)
-        return "error: " + cmd + " takes a number from " + std::to_string(lo) + " to " + std::to_string(hi) + "\n";
+        return "error: " + cmd + " takes a number from " + std::to_string(lo) + " to " +
+               std::to_string(hi) + "\n";
       *value = v;
       return "ok\n";
     };
     auto digits = [&](std::string* value, size_t lo, size_t hi) -> std::string {
       if (args.size() != 1 || args[0].size() < lo || args[0].size() > hi ||
           args[0].find_first_not_of("0123456789") != std::string::npos)
-        return "error: " + cmd + " takes " + std::to_string(lo) + " to " + std::to_string(hi) + " digits\n";
+        return "error: " + cmd + " takes " + std::to_string(lo) + " to " + std::to_string(hi) +
+               " digits\n";
       *value = args[0];
       return "ok\n";
     };
@@ -283,7 +298,8 @@ struct Simulator::Impl {
     }
     if (cmd == "deregister") {
       int stat = 0;
-      if (!args.empty() && (args.size() != 1 || !parse_int(args[0], &stat) || stat == 1 || stat == 5 || stat < 0 || stat > 5))
+      if (!args.empty() && (args.size() != 1 || !parse_int(args[0], &stat) || stat == 1 ||
+                            stat == 5 || stat < 0 || stat > 5))
         return "error: deregister takes a state 0, 2, 3 or 4\n";
       return set_stat(stat);
     }
@@ -316,15 +332,19 @@ struct Simulator::Impl {
       if (args.empty()) return "error: answer takes COMMAND [TEXT]\n";
       size_t at = rest.find_first_not_of(' ', args[0].size());
       std::string text = at == std::string::npos ? "" : rest.substr(at);
-      if (args.size() == 1) model.raw.erase(upper(args[0]));
-      else model.raw[upper(args[0])] = unescape(text);
+      if (args.size() == 1)
+        model.raw.erase(upper(args[0]));
+      else
+        model.raw[upper(args[0])] = unescape(text);
       return "ok\n";
     }
     if (cmd == "fail") {
       int count = 0, code = -1;
       bool ok = !args.empty() && parse_int(args[0], &count) && count >= 0;
-      if (ok && args.size() == 3 && args[1] == "cme") ok = parse_int(args[2], &code) && code >= 0;
-      else if (ok && args.size() != 1) ok = false;
+      if (ok && args.size() == 3 && args[1] == "cme")
+        ok = parse_int(args[2], &code) && code >= 0;
+      else if (ok && args.size() != 1)
+        ok = false;
       if (!ok) return "error: fail takes N [cme CODE]\n";
       faults.fail = count;
       faults.cme = code;
@@ -353,7 +373,8 @@ struct Simulator::Impl {
     }
     if (cmd == "record") {
       std::string out;
-      for (const auto& r : record) out += std::to_string(r.connection) + " " + escape(r.text) + "\n";
+      for (const auto& r : record)
+        out += std::to_string(r.connection) + " " + escape(r.text) + "\n";
       return out + "ok\n";
     }
     if (cmd == "bytes") {
@@ -363,7 +384,8 @@ struct Simulator::Impl {
     }
     if (cmd == "sessions") {
       std::string out;
-      for (const auto& s : sessions) out += std::string(s.activate ? "ACTIVATE " : "DEACTIVATE ") + s.args + "\n";
+      for (const auto& s : sessions)
+        out += std::string(s.activate ? "ACTIVATE " : "DEACTIVATE ") + s.args + "\n";
       return out + "ok\n";
     }
     return "error: unknown command '" + cmd + "' (try help)\n";
@@ -389,7 +411,8 @@ struct Simulator::Impl {
   }
 
   void drop(std::vector<Conn>& conns, size_t i) {
-    schedule.erase(std::remove_if(schedule.begin(), schedule.end(), [&](auto& s) { return s.fd == conns[i].fd; }),
+    schedule.erase(std::remove_if(schedule.begin(), schedule.end(),
+                                  [&](auto& s) { return s.fd == conns[i].fd; }),
                    schedule.end());
     close(conns[i].fd);
     conns.erase(conns.begin() + static_cast<long>(i));
@@ -412,7 +435,9 @@ struct Simulator::Impl {
       int timeout = -1;
       if (!schedule.empty()) {
         // Rounded up: waking before the answer is due would only spin.
-        auto us = std::chrono::duration_cast<std::chrono::microseconds>(schedule.front().at - Clock::now()).count();
+        auto us = std::chrono::duration_cast<std::chrono::microseconds>(schedule.front().at -
+                                                                        Clock::now())
+                      .count();
         timeout = static_cast<int>(std::clamp<long long>((us + 999) / 1000, 0, 600000));
       }
       lock.unlock();
@@ -480,7 +505,7 @@ bool Simulator::start(std::string* error) {
   Impl& s = *impl_;
   std::string config = config_path();
   std::string dir = config.substr(0, config.rfind('/'));
-  struct stat st{};
+  struct stat st {};
   if (!(s.options.keep_config && stat(config.c_str(), &st) == 0)) {
     std::ofstream out;
     if (mkdirs(dir)) out.open(config, std::ios::trunc);
@@ -500,7 +525,8 @@ bool Simulator::start(std::string* error) {
   if (s.cmd_listen < 0) return false;
   s.unsol_listen = listen_unix(socket_path(s.options.unsol_socket), error);
   if (s.unsol_listen < 0) return false;
-  if (s.options.control_socket && (s.ctl_listen = listen_unix(control_path(), error)) < 0) return false;
+  if (s.options.control_socket && (s.ctl_listen = listen_unix(control_path(), error)) < 0)
+    return false;
   if (pipe2(s.wake, O_CLOEXEC | O_NONBLOCK) != 0) {
     *error = std::string("cannot make a pipe: ") + strerror(errno);
     return false;
@@ -550,7 +576,8 @@ std::string Simulator::help() {
          "duplex FDD|TDD|none       duplexing mode (none: not camped)\n"
          "quote on|off              tac and ci in double quotes (default off)\n"
          "spacing on|off            a blank after each comma\n"
-         "answer CMD [TEXT]         raw answer for CMD (escapes \\r \\n \\\" \\xHH); no TEXT: back to the model\n"
+         "answer CMD [TEXT]         raw answer for CMD (escapes \\r \\n \\\" \\xHH);\n"
+         "                          no TEXT: back to the model\n"
          "fail N [cme CODE]         the next N commands get ERROR (or +CME ERROR: CODE)\n"
          "delay MS                  answer after MS milliseconds\n"
          "split MS                  send the next answer in two writes, MS apart\n"
@@ -587,8 +614,12 @@ std::vector<Session> Simulator::sessions() const {
   return impl_->sessions;
 }
 
-std::string Simulator::config_path() const { return impl_->path("/etc/atswitch_config/atswitch_ecm_config.csv"); }
-std::string Simulator::socket_path(int number) const { return impl_->path("/tmp/atsw" + std::to_string(number)); }
+std::string Simulator::config_path() const {
+  return impl_->path("/etc/atswitch_config/atswitch_ecm_config.csv");
+}
+std::string Simulator::socket_path(int number) const {
+  return impl_->path("/tmp/atsw" + std::to_string(number));
+}
 std::string Simulator::control_path() const { return impl_->path("/tmp/atsw-sim.ctl"); }
 std::string Simulator::uci_dir() const { return impl_->path("/uci"); }
 
@@ -600,14 +631,18 @@ std::string unescape(const std::string& text) {
       continue;
     }
     char c = text[++i];
-    if (c == 'r') out += '\r';
-    else if (c == 'n') out += '\n';
-    else if (c == 't') out += '\t';
+    if (c == 'r')
+      out += '\r';
+    else if (c == 'n')
+      out += '\n';
+    else if (c == 't')
+      out += '\t';
     else if (c == 'x' && i + 2 < text.size() && isxdigit(static_cast<unsigned char>(text[i + 1])) &&
              isxdigit(static_cast<unsigned char>(text[i + 2]))) {
       out += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
       i += 2;
-    } else out += c;
+    } else
+      out += c;
   }
   return out;
 }
@@ -615,15 +650,20 @@ std::string unescape(const std::string& text) {
 std::string escape(const std::string& bytes) {
   std::string out;
   for (unsigned char c : bytes) {
-    if (c == '\r') out += "\\r";
-    else if (c == '\n') out += "\\n";
-    else if (c == '\t') out += "\\t";
-    else if (c == '\\') out += "\\\\";
+    if (c == '\r')
+      out += "\\r";
+    else if (c == '\n')
+      out += "\\n";
+    else if (c == '\t')
+      out += "\\t";
+    else if (c == '\\')
+      out += "\\\\";
     else if (c < 0x20 || c >= 0x7f) {
       char hex[5];
       snprintf(hex, sizeof hex, "\\x%02X", c);
       out += hex;
-    } else out += static_cast<char>(c);
+    } else
+      out += static_cast<char>(c);
   }
   return out;
 }

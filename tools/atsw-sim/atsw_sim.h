@@ -22,10 +22,10 @@ struct Session {
 class Simulator {
  public:
   struct Options {
-    std::string root;        // like ZORD_ROOT: every path below it
-    int cmd_socket = 11;     // role CUSTOM2
-    int unsol_socket = 12;   // role VVMUNSOL
-    bool keep_config = false;  // leave an existing configuration file alone
+    std::string root;             // like ZORD_ROOT: every path below it
+    int cmd_socket = 11;          // role CUSTOM2
+    int unsol_socket = 12;        // role VVMUNSOL
+    bool keep_config = false;     // leave an existing configuration file alone
     bool control_socket = false;  // also take control commands on root/tmp/atsw-sim.ctl
   };
 

@@ -24,14 +24,15 @@
 namespace {
 
 void usage(const char* name) {
-  fprintf(stderr,
-          "usage: %s [--cmd-socket N] [--unsol-socket N] [--keep-config] [--version]\n"
-          "       %s ctl COMMAND...   (send one control command to the simulator under $ZORD_ROOT)\n"
-          "Plays the AT switch under $ZORD_ROOT: commands on /tmp/atsw<N> (role CUSTOM2, default 11),\n"
-          "reports on /tmp/atsw<N> (role VVMUNSOL, default 12), control on /tmp/atsw-sim.ctl.\n"
-          "Control commands, one a line, on standard input or the control socket:\n%s"
-          "quit                      end the simulator (standard input only)\n",
-          name, name, atsw::Simulator::help().c_str());
+  fprintf(
+      stderr,
+      "usage: %s [--cmd-socket N] [--unsol-socket N] [--keep-config] [--version]\n"
+      "       %s ctl COMMAND...   (send one control command to the simulator under $ZORD_ROOT)\n"
+      "Plays the AT switch under $ZORD_ROOT: commands on /tmp/atsw<N> (role CUSTOM2, default 11),\n"
+      "reports on /tmp/atsw<N> (role VVMUNSOL, default 12), control on /tmp/atsw-sim.ctl.\n"
+      "Control commands, one a line, on standard input or the control socket:\n%s"
+      "quit                      end the simulator (standard input only)\n",
+      name, name, atsw::Simulator::help().c_str());
 }
 
 bool socket_number(const char* text, int* number) {
@@ -79,7 +80,9 @@ int control_client(const char* name, int argc, char** argv) {
   rooted_path(addr.sun_path, sizeof addr.sun_path, "/tmp/atsw-sim.ctl");
   int fd = socket(AF_UNIX, SOCK_STREAM, 0);
   if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    fprintf(stderr, "%s ctl: cannot reach the simulator's control socket %s: %s (is atsw-sim running, with this ZORD_ROOT?)\n",
+    fprintf(stderr,
+            "%s ctl: cannot reach the simulator's control socket %s: %s"
+            " (is atsw-sim running, with this ZORD_ROOT?)\n",
             name, addr.sun_path, strerror(errno));
     if (fd >= 0) close(fd);
     return 2;
@@ -121,7 +124,9 @@ void read_standard_input(atsw::Simulator& sim) {
   }
   // A failed read ends std::cin as end of input does; stdin's error flag tells them apart.
   if (isatty(STDIN_FILENO) && ferror(stdin))
-    fprintf(stderr, "atsw-sim: not reading the terminal (started in the background); use: atsw-sim ctl COMMAND\n");
+    fprintf(stderr,
+            "atsw-sim: not reading the terminal (started in the background);"
+            " use: atsw-sim ctl COMMAND\n");
   // End of input: keep serving until a signal.
 }
 
@@ -136,7 +141,8 @@ int main(int argc, char** argv) {
     if ((arg == "--cmd-socket" || arg == "--unsol-socket") && i + 1 < argc) {
       int* number = arg == "--cmd-socket" ? &options.cmd_socket : &options.unsol_socket;
       if (!socket_number(argv[++i], number)) {
-        fprintf(stderr, "%s: %s takes a socket number from 1 to 9999, not '%s'\n", argv[0], arg.c_str(), argv[i]);
+        fprintf(stderr, "%s: %s takes a socket number from 1 to 9999, not '%s'\n", argv[0],
+                arg.c_str(), argv[i]);
         return 1;
       }
     } else if (arg == "--keep-config") {
@@ -169,8 +175,8 @@ int main(int argc, char** argv) {
     return 1;
   }
   fprintf(stderr, "atsw-sim: commands on %s, reports on %s, control on %s\n",
-          sim.socket_path(options.cmd_socket).c_str(), sim.socket_path(options.unsol_socket).c_str(),
-          sim.control_path().c_str());
+          sim.socket_path(options.cmd_socket).c_str(),
+          sim.socket_path(options.unsol_socket).c_str(), sim.control_path().c_str());
 
   std::thread(read_standard_input, std::ref(sim)).detach();
 

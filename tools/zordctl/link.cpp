@@ -140,8 +140,10 @@ void keep_only_the_connection(Link& link) {
     close(static_cast<int>(fd));
   int null = open("/dev/null", O_RDWR);
   for (int fd = 0; fd < 3; ++fd) {
-    if (null >= 0) dup2(null, fd);
-    else close(fd);
+    if (null >= 0)
+      dup2(null, fd);
+    else
+      close(fd);
   }
   if (null > 3) close(null);
   link.wake_fd = -1;
@@ -177,8 +179,8 @@ int link_connect(Link& link, const char* host, int port, const char* source, Mil
     while ((ready = poll(&p, 1, left_ms(deadline))) < 0 && errno == EINTR) {
     }
     if (ready == 0)
-      return fail(UNREACHABLE, "cannot connect to %s:%d: no host answered within %d ms", host,
-                  port, link.timeout_ms);
+      return fail(UNREACHABLE, "cannot connect to %s:%d: no host answered within %d ms", host, port,
+                  link.timeout_ms);
     // A second connect() reports how the first ended through errno, which
     // an emulator translates (SO_ERROR's value it may pass on untranslated).
     if (connect(link.fd, remote, sizeof link.remote) != 0 && errno != EISCONN)
@@ -249,28 +251,36 @@ int connection_ended(const Link& link) {
   // one shares this address: a daemon elsewhere is not looked at.
   Seen seen = is_loopback(link.remote.sin_addr) ? look_at_tcp_table(link) : Seen{};
   if (seen.read && !seen.listening)
-    return fail(CLOSED, "the daemon went away: it ended or was stopped, and nothing listens on "
-                "port %d now", ntohs(link.remote.sin_port));
+    return fail(CLOSED,
+                "the daemon went away: it ended or was stopped, and nothing listens on "
+                "port %d now",
+                ntohs(link.remote.sin_port));
   if (seen.same_address)
-    return fail(CLOSED, "the daemon closed the connection: another client connected from this "
+    return fail(CLOSED,
+                "the daemon closed the connection: another client connected from this "
                 "one's address (%s), which drops the daemon's first client: give each client "
-                "its own --source", self);
+                "its own --source",
+                self);
   if (!link.answered)
     return fail(FULL, "the daemon closed the connection at once: it serves ten clients already%s",
                 seen.read ? "" : ", or it went away");
   if (seen.read)
-    return fail(CLOSED, "the daemon closed the connection: it was restarted, or another client "
+    return fail(CLOSED,
+                "the daemon closed the connection: it was restarted, or another client "
                 "connected from this one's address (%s) and left again: give each client its "
-                "own --source", self);
+                "own --source",
+                self);
   if (link.error == ECONNRESET)
     return fail(CLOSED, "the connection was reset: the daemon or its host went away");
-  return fail(CLOSED, "the daemon closed the connection: it went away, or another client "
-              "connected from this one's address (%s) and took its place", self);
+  return fail(CLOSED,
+              "the daemon closed the connection: it went away, or another client "
+              "connected from this one's address (%s) and took its place",
+              self);
 }
 
 bool is_final(const char* line) {
-  return strcmp(line, "OK") == 0 || strcmp(line, "ERROR") == 0 ||
-         starts_with(line, "+CME ERROR") || starts_with(line, "+CMS ERROR");
+  return strcmp(line, "OK") == 0 || strcmp(line, "ERROR") == 0 || starts_with(line, "+CME ERROR") ||
+         starts_with(line, "+CMS ERROR");
 }
 
 // The cell query's answer has no final result: its information line ends it.
@@ -290,7 +300,7 @@ bool is_queued(const Link& link) {
 // closed, or LINGER_MS have passed; the parent goes on at once.
 void linger(Link& link) {
   if (fork() != 0) return;  // the parent, or no child: nothing more can be done
-  setsid();  // a Ctrl-C or hang-up meant for the caller's job is not meant for it
+  setsid();                 // a Ctrl-C or hang-up meant for the caller's job is not meant for it
   keep_only_the_connection(link);
   Millis deadline = now_ms() + LINGER_MS;
   Line line;

@@ -13,8 +13,16 @@
 // Exit statuses. INTERRUPTED never leaves the program: SIGINT or SIGTERM
 // ended `watch`, which exits with ANSWERED.
 enum Status {
-  ANSWERED = 0, INTERRUPTED = 1, USAGE = 2, UNREACHABLE = 3, REFUSED = 4, CLOSED = 5,
-  NO_ANSWER = 6, NO_MODEM = 7, FULL = 8, WRONG_ANSWER = 9
+  ANSWERED = 0,
+  INTERRUPTED = 1,
+  USAGE = 2,
+  UNREACHABLE = 3,
+  REFUSED = 4,
+  CLOSED = 5,
+  NO_ANSWER = 6,
+  NO_MODEM = 7,
+  FULL = 8,
+  WRONG_ANSWER = 9
 };
 
 // A longer run without a line end is taken as a line of its own.
@@ -42,8 +50,8 @@ struct Link {
   int wake_fd = -1;    // readable when `watch` is to stop
   char pending[MAX_LINE] = {};
   size_t used = 0;
-  bool answered = false;  // the daemon has sent something
-  int error = 0;          // how the connection failed, when it did not simply end
+  bool answered = false;         // the daemon has sent something
+  int error = 0;                 // how the connection failed, when it did not simply end
   char sent[MAX_SEND + 1] = {};  // the last line sent
   bool sent_accepted = true;     // by the daemon's rule
 };

@@ -57,8 +57,9 @@ const char USAGE_TEXT[] =
     "  9 an answer of the wrong shape                wrong-answer\n";
 
 // check's result for each exit status (1 and 2 are not results).
-constexpr const char* RESULTS[] = {"serving", "", "", "not-listening", "modem-error", "closed",
-                                   "no-answer", "no-modem", "full", "wrong-answer"};
+constexpr const char* RESULTS[] = {
+    "serving", "",          "",         "not-listening", "modem-error",
+    "closed",  "no-answer", "no-modem", "full",          "wrong-answer"};
 
 enum class Command { NONE, HELP, VERSION, CELL, IDENTITY, WATCH, SEND, CHECK };
 
@@ -125,9 +126,12 @@ void add_json(std::string_view text) {
   if (text == "NULL") return add("null");
   add("\"");
   for (unsigned char c : text) {
-    if (c == '"' || c == '\\') addf("\\%c", c);
-    else if (c < 0x20 || c >= 0x7F) addf("\\u%04x", c);
-    else add(std::string_view(reinterpret_cast<const char*>(&c), 1));
+    if (c == '"' || c == '\\')
+      addf("\\%c", c);
+    else if (c < 0x20 || c >= 0x7F)
+      addf("\\u%04x", c);
+    else
+      add(std::string_view(reinterpret_cast<const char*>(&c), 1));
   }
   add("\"");
 }
@@ -251,16 +255,21 @@ int parse_command(int argc, char** argv, Options& o) {
   static constexpr struct {
     const char* name;
     Command command;
-  } COMMANDS[] = {{"cell", Command::CELL}, {"identity", Command::IDENTITY},
-                  {"watch", Command::WATCH}, {"send", Command::SEND}, {"check", Command::CHECK}};
+  } COMMANDS[] = {{"cell", Command::CELL},
+                  {"identity", Command::IDENTITY},
+                  {"watch", Command::WATCH},
+                  {"send", Command::SEND},
+                  {"check", Command::CHECK}};
   for (const auto& c : COMMANDS)
     if (is(name, c.name)) o.command = c.command;
   if (o.command == Command::NONE) return fail(USAGE, "unknown command: %s", name);
   bool send = o.command == Command::SEND;
   int words = 0;
   for (int i = 1; i < argc; ++i) {
-    if (!send && is(argv[i], "--json")) o.json = true;
-    else if (++words == 1) o.line = argv[i];
+    if (!send && is(argv[i], "--json"))
+      o.json = true;
+    else if (++words == 1)
+      o.line = argv[i];
   }
   if (!send) return words == 0 ? ANSWERED : fail(USAGE, "%s takes no arguments", name);
   if (words != 1) return fail(USAGE, "send takes one LINE (quote it if it holds blanks)");
@@ -388,8 +397,10 @@ int query(Link& link, const Options& o) {
     return fail(REFUSED, "the daemon answered %s to %s", a.last, line);
   if (!a.found)
     return fail(WRONG_ANSWER, "the daemon answered %s without a %s line", line, a.wanted);
-  if (o.json) add_json_line(a.found_line);
-  else addf("%s\n", a.found_line);
+  if (o.json)
+    add_json_line(a.found_line);
+  else
+    addf("%s\n", a.found_line);
   flush(STDOUT_FILENO);
   return ANSWERED;
 }
@@ -441,9 +452,12 @@ int run(const Options& o) {
   link.wake_fd = wake_pipe[0];
   int status = link_connect(link, o.host, o.port, o.source, now_ms() + o.timeout_ms);
   if (status == ANSWERED) status = expect_ok(link, "AT+CEVVMCMD=1", now_ms() + o.timeout_ms);
-  if (status == ANSWERED && watching) status = watch(link, o);
-  else if (status == ANSWERED && o.command == Command::SEND) status = send_raw(link, o);
-  else if (status == ANSWERED) status = query(link, o);
+  if (status == ANSWERED && watching)
+    status = watch(link, o);
+  else if (status == ANSWERED && o.command == Command::SEND)
+    status = send_raw(link, o);
+  else if (status == ANSWERED)
+    status = query(link, o);
   link_close(link);
   return status;
 }
@@ -465,8 +479,10 @@ bool is_cell(std::string_view line) {
 // An answer of the wrong shape, named by a line of it, but an identity line.
 int wrong(const char* line, const char* sent) {
   if (starts_with(line, "+CEVVMCMD:"))
-    return fail(WRONG_ANSWER, "the daemon's answer to %s is of the wrong shape (its identity "
-                "line is not shown)", sent);
+    return fail(WRONG_ANSWER,
+                "the daemon's answer to %s is of the wrong shape (its identity "
+                "line is not shown)",
+                sent);
   return fail(WRONG_ANSWER, "the daemon answered %.80s to %s", line, sent);
 }
 
@@ -489,11 +505,14 @@ int probe(Link& link, Millis deadline, Line& identity) {
   // answers NULL,NULL without asking anyone) from a modem that fails.
   if ((status = ask(link, "AT+CEVVMEV?", deadline, where)) != ANSWERED) return status;
   if (where.count == 1 && is(where.last, "+CEVVMEV:NULL,NULL"))
-    return fail(NO_MODEM, "the daemon reaches no AT switch: AT+CEVVMCMD? got ERROR and "
+    return fail(NO_MODEM,
+                "the daemon reaches no AT switch: AT+CEVVMCMD? got ERROR and "
                 "AT+CEVVMEV? +CEVVMEV:NULL,NULL");
   if (where.count == 1 && (is(where.last, "ERROR") || is_cell(where.last)))
-    return fail(REFUSED, "the modem answers but gives no IMSI, operator or duplex mode: "
-                "AT+CEVVMCMD? got ERROR and AT+CEVVMEV? %.80s", where.last);
+    return fail(REFUSED,
+                "the modem answers but gives no IMSI, operator or duplex mode: "
+                "AT+CEVVMCMD? got ERROR and AT+CEVVMEV? %.80s",
+                where.last);
   return wrong(where.first, "AT+CEVVMEV?");
 }
 
