@@ -12,9 +12,7 @@ SRC = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 DEFAULT_BUILD_DIR = os.path.join(SRC, "build", "bench")
 # zordctl too: the watchdog probes with it, and bench/wedge queries with it.
 PROGRAMS = {
-    "zord": "core/zord",
-    "atsw-sim": "tools/atsw-sim/atsw-sim",
-    "zordctl": "tools/zordctl/zordctl"
+    "zord": "core/zord", "atsw-sim": "tools/atsw-sim/atsw-sim", "zordctl": "tools/zordctl/zordctl"
 }
 
 
@@ -71,11 +69,9 @@ def machine():
 def revision():
     try:
         head = subprocess.run(["git", "-C", SRC, "rev-parse", "--short", "HEAD"],
-                              capture_output=True,
-                              text=True)
+                              capture_output=True, text=True)
         dirty = subprocess.run(["git", "-C", SRC, "status", "--porcelain", "--untracked-files=no"],
-                               capture_output=True,
-                               text=True)
+                               capture_output=True, text=True)
         if head.returncode != 0:
             return "unknown"
         return head.stdout.strip() + (" with local changes" if dirty.stdout.strip() else "")

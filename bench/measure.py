@@ -98,11 +98,8 @@ def query_latency(rig, count, pause):
         times, floors = out[line]
         grown = [b[1] - a[1] for a, b in zip(sizes, sizes[1:]) if a[0] == line]
         result[name] = {
-            "median": median(times),
-            "p99": p99(times),
-            "floor_median": median(floors),
-            "floor_p99": p99(floors),
-            "log_bytes": median(grown)
+            "median": median(times), "p99": p99(times), "floor_median": median(floors),
+            "floor_p99": p99(floors), "log_bytes": median(grown)
         }
     return result
 
@@ -180,8 +177,7 @@ def throughput(rig, seconds, hog=False):
         c.sock.setblocking(True)
     rig.close_clients(clients)
     return {
-        "per_s": answers / seconds,
-        "memory": memory,
+        "per_s": answers / seconds, "memory": memory,
         "log_bytes": (log_after - log_start) / (answers + len(clients)),
         "log_per_s": (log_at_end[0] - log_start) / (log_at_end[1] - start)
     }
@@ -216,11 +212,8 @@ def event_latency(rig, count):
     rig.close_clients([subscriber])
     link.close()
     return {
-        "median": median(times),
-        "p99": p99(times),
-        "floor_median": median(floors),
-        "floor_p99": p99(floors),
-        "uci_run": median(uci_runs)
+        "median": median(times), "p99": p99(times), "floor_median": median(floors),
+        "floor_p99": p99(floors), "uci_run": median(uci_runs)
     }
 
 
@@ -253,11 +246,8 @@ def deferred_gap(rig, tries):
         rig.log.wait_for("=== at_cmd_q_entry_rd_index", 2)
     rig.close_clients([subscriber, asking])
     return {
-        "median": median(gaps),
-        "p99": p99(gaps),
-        "over_1ms": sum(g > 0.001 for g in gaps),
-        "tries": len(gaps),
-        "missed": missed
+        "median": median(gaps), "p99": p99(gaps), "over_1ms": sum(g > 0.001 for g in gaps),
+        "tries": len(gaps), "missed": missed
     }
 
 
@@ -270,8 +260,7 @@ def idle(rig, seconds):
     time.sleep(seconds)
     t1, w1, s1 = cpu_ticks(pid), wakeups(pid), io_calls(pid)
     return {
-        "ticks": t1 - t0,
-        "wakeups": w1 - w0,
+        "ticks": t1 - t0, "wakeups": w1 - w0,
         "syscalls": None if s0 is None or s1 is None else s1 - s0
     }
 
@@ -280,8 +269,7 @@ def callgrind_total(bindir, srcdir, queries):
     """Total instructions of zord under callgrind for a run with this many
     AT+CEVVMEV? queries."""
     rig = Rig(
-        bindir,
-        srcdir,
+        bindir, srcdir,
         launcher=["valgrind", "--tool=callgrind", "--callgrind-out-file={root}/callgrind.out"])
     try:
         rig.start()

@@ -160,9 +160,7 @@ class LogWatch:
 
     def wait_for(self, text, count=1, timeout=WAIT_S):
         wait_until(lambda: self.since_mark().count(text) >= count,
-                   "%d x %r in the log" % (count, text),
-                   timeout,
-                   pause=0.001)
+                   "%d x %r in the log" % (count, text), timeout, pause=0.001)
 
 
 def proc_status(pid):
@@ -232,15 +230,11 @@ class Rig:
         os.makedirs(self.root + "/tmp/logs")
         self.port = free_port()
         uci = os.path.join(self.srcdir, "tools", "uci-sim")
-        self.env = dict(os.environ,
-                        ZORD_ROOT=self.root,
-                        ZORD_PORT=str(self.port),
+        self.env = dict(os.environ, ZORD_ROOT=self.root, ZORD_PORT=str(self.port),
                         PATH=uci + ":" + os.environ.get("PATH", "/usr/bin:/bin"))
         self.sim_err = open(self.root + "/sim.err", "wb")
-        self.sim = subprocess.Popen([self.bindir + "/tools/atsw-sim/atsw-sim"],
-                                    env=self.env,
-                                    stdin=subprocess.PIPE,
-                                    stdout=subprocess.DEVNULL,
+        self.sim = subprocess.Popen([self.bindir + "/tools/atsw-sim/atsw-sim"], env=self.env,
+                                    stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
                                     stderr=self.sim_err)
         ctl = self.root + "/tmp/atsw-sim.ctl"
         wait_until(lambda: os.path.exists(ctl) or self.sim.poll() is not None, "atsw-sim")
@@ -254,15 +248,12 @@ class Rig:
 
     def start_zord(self):
         launcher = [word.format(root=self.root) for word in self.launcher]
-        self.zord = subprocess.Popen(launcher + [self.bindir + "/core/zord"],
-                                     env=self.env,
-                                     stdin=subprocess.DEVNULL,
-                                     stdout=subprocess.DEVNULL,
+        self.zord = subprocess.Popen(launcher + [self.bindir + "/core/zord"], env=self.env,
+                                     stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                      stderr=subprocess.DEVNULL)
         wait_until(
             lambda: "Registration stat is" in self.log.since_mark() or self.zord.poll() is not None,
-            "zord to start",
-            timeout=WAIT_S * 3)
+            "zord to start", timeout=WAIT_S * 3)
         if self.zord.poll() is not None:
             raise BenchError("zord ended at start with status %d" % self.zord.returncode)
         self.log.mark()
@@ -324,10 +315,7 @@ class Rig:
     def uci_run(self, key):
         """One run of the uci tool as the daemon makes it (popen: sh -c)."""
         t0 = now()
-        subprocess.run("uci get " + key,
-                       shell=True,
-                       env=self.env,
-                       stdout=subprocess.PIPE,
+        subprocess.run("uci get " + key, shell=True, env=self.env, stdout=subprocess.PIPE,
                        stderr=subprocess.DEVNULL)
         return now() - t0
 

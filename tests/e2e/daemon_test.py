@@ -62,22 +62,15 @@ def test_zord_and_zordctl_refuse_bad_command_lines_and_unusable_seams():
         rows = [
             ([ZORD, '-h'], {}, (1, usage, '')), ([ZORD, '--help'], {}, (1, usage, '')),
             ([ZORD, '-x'], {}, (1, usage, '.*')), ([ZORD, '-v'], {}, (1, usage, '.*')),
-            ([ZORD], {
-                'ZORD_PORT': '70000'
-            }, zord(PORT + '70000')), ([ZORD], {
-                'ZORD_PORT': '66x'
-            }, zord(PORT + '66x')),
-            ([ZORD], {
-                'ZORD_ROOT': 'relative/dir'
-            }, zord('ZORD_ROOT must be an absolute path: relative/dir')),
-            ([ZORD], {
-                'ZORD_ROOT': '/' + 'r' * 60
-            }, zord('ZORD_ROOT must be at most 40 characters long')),
+            ([ZORD], {'ZORD_PORT': '70000'}, zord(PORT + '70000')),
+            ([ZORD], {'ZORD_PORT': '66x'}, zord(PORT + '66x')),
+            ([ZORD], {'ZORD_ROOT': 'relative/dir'},
+             zord('ZORD_ROOT must be an absolute path: relative/dir')),
+            ([ZORD], {'ZORD_ROOT': '/' + 'r' * 60},
+             zord('ZORD_ROOT must be at most 40 characters long')),
             ([ZORDCTL], {}, ctl('no command given')),
             ([ZORDCTL, 'status'], {}, ctl('unknown command: status')),
-            ([ZORDCTL, 'cell'], {
-                'ZORD_PORT': '66x'
-            }, ctl(PORT + '66x')),
+            ([ZORDCTL, 'cell'], {'ZORD_PORT': '66x'}, ctl(PORT + '66x')),
             ([ZORDCTL, '--timeout', '-5',
               'cell'], {}, ctl('--timeout must be a number of milliseconds from 1 to 3600000: -5')),
             ([ZORDCTL, '--host', 'localhost',

@@ -118,12 +118,7 @@ class Run(contextlib.AbstractContextManager):
         ]
 
     def start(self, argv, env=(), stdin=subprocess.DEVNULL, **pipes):
-        return subprocess.Popen(LAUNCHER + argv,
-                                env={
-                                    **self.env,
-                                    **dict(env)
-                                },
-                                stdin=stdin,
+        return subprocess.Popen(LAUNCHER + argv, env={**self.env, **dict(env)}, stdin=stdin,
                                 **pipes)
 
     def log(self):  # without the time texts

@@ -19,12 +19,8 @@ DONE, EV = '=== at_cmd_q_entry_rd_index', '+CEVVMEV:3104101A2B1A2D101,FDD\r\n'
 
 
 def sh(script, args, env, stdin=''):  # busybox ash runs one of the package's scripts
-    p = subprocess.run([BUSYBOX, 'sh', f'{FILES}/{script}'] + args,
-                       input=stdin,
-                       env=env,
-                       capture_output=True,
-                       text=True,
-                       timeout=WAIT)
+    p = subprocess.run([BUSYBOX, 'sh', f'{FILES}/{script}'] + args, input=stdin, env=env,
+                       capture_output=True, text=True, timeout=WAIT)
     return p.returncode, p.stdout, p.stderr
 
 
@@ -222,31 +218,20 @@ mkdir() { :; }
                 ' --timeout 10000 --restart-interval 300; respawn 3600 5 0; stderr 1;')
     log = '[log] command /usr/libexec/zord-watchdog log --max-kb 4096; respawn 3600 5 0; stderr 1;'
     rows = [({}, [zord, watchdog, log], ''),
-            ({
-                'station_timeout': '60000'
-            }, [zord.replace('zord;', 'zord -t 60000;'), watchdog, log], ''),
-            ({
-                'station_timeout': '25m'
-            }, [zord, watchdog, log], "logger -t zord station_timeout '25m' is not"),
-            ({
-                'check_interval': '0',
-                'log_max_kb': '0'
-            }, [zord], ''),
-            ({
-                'check_failures': 'x',
-                'log_max_kb': '64'
-            }, [zord, watchdog, log.replace('4096', '64')],
+            ({'station_timeout': '60000'}, [zord.replace('zord;', 'zord -t 60000;'), watchdog,
+                                            log], ''),
+            ({'station_timeout': '25m'}, [zord, watchdog,
+                                          log], "logger -t zord station_timeout '25m' is not"),
+            ({'check_interval': '0', 'log_max_kb': '0'}, [zord], ''),
+            ({'check_failures': 'x',
+              'log_max_kb': '64'}, [zord, watchdog, log.replace('4096', '64')],
              "logger -t zord check_failures 'x' is not a whole number of at least 1; using 3"),
-            ({
-                'check_timeout': '0'
-            }, [zord, watchdog, log], "logger -t zord check_timeout '0' is not"),
-            ({
-                'enabled': '0'
-            }, [], '')]
+            ({'check_timeout': '0'}, [zord, watchdog,
+                                      log], "logger -t zord check_timeout '0' is not"),
+            ({'enabled': '0'}, [], '')]
     for config, instances, said in rows:
         got = subprocess.run([BUSYBOX, 'sh', '-c', procd, '-', f'{FILES}/zord.init'],
-                             capture_output=True,
-                             text=True,
+                             capture_output=True, text=True,
                              env={f'ZORD_CONFIG_{k}': v
                                   for k, v in config.items()})
         eq((got.stdout.splitlines(), got.stderr[:len(said) or None]), (instances, said), config)
@@ -266,9 +251,7 @@ def test_zord_starts_once_the_switch_sockets_are_there_or_after_its_wait():
             p = subprocess.Popen([
                 BUSYBOX, 'sh', FILES + '/zord.watchdog', 'start', '--wait', '2', BUSYBOX, 'echo',
                 'zord'
-            ],
-                                 env=dict(run.env, PATH=STANDINS + ':' + run.env['PATH']),
-                                 stdout=subprocess.PIPE,
+            ], env=dict(run.env, PATH=STANDINS + ':' + run.env['PATH']), stdout=subprocess.PIPE,
                                  text=True)
             if when == 'later':
                 assert not wait_until(lambda: p.poll() is not None, 0.5), 'it did not wait'
@@ -328,8 +311,7 @@ def test_each_install_component_puts_its_files_and_no_uci_in_a_bin():
         with tempfile.TemporaryDirectory() as stage:
             subprocess.run(
                 ['cmake', '--install', os.environ['ZT_BUILD'], '--prefix', stage, *component],
-                check=True,
-                capture_output=True)
+                check=True, capture_output=True)
             return sorted(
                 os.path.relpath(os.path.join(d, f), stage) for d, _, fs in os.walk(stage)
                 for f in fs)

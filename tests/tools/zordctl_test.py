@@ -95,8 +95,7 @@ def test_zordctl_check_names_what_it_found_in_one_line_and_its_exit_status():
             (['--json'], [OK, ID + CELL + ',FDD\r\n' + OK], 0,
              dict(parts, result='serving', status=0, registered=True)),
             (['--json'], [OK, junk + '\r\n' + OK], 9, {
-                'result': 'wrong-answer',
-                'status': 9,
+                'result': 'wrong-answer', 'status': 9,
                 'message': f'the daemon answered {junk} to AT+CEVVMCMD?'
             })]
     with Run() as run:
@@ -111,10 +110,7 @@ def test_zordctl_check_names_what_it_found_in_one_line_and_its_exit_status():
 
 def test_tools_on_one_host_keep_each_other_and_speak_json():
     cell = {
-        'cell': '26201ABCD0BEEF01',
-        'plmn': '26201',
-        'tac': 'ABCD',
-        'cell_id': '0BEEF01',
+        'cell': '26201ABCD0BEEF01', 'plmn': '26201', 'tac': 'ABCD', 'cell_id': '0BEEF01',
         'duplex': 'TDD'
     }
     with Run(zord=[], sim=True) as road:
