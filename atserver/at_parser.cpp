@@ -17,120 +17,221 @@ void yyerror(const char* message) { zorSrv_HandleSyntaxError(message); }
 
 namespace {
 
-// The grammar:
-//    1 input: (empty)                 17 quoted_value: QUOTE text_value QUOTE
-//    2      | input line               18 value: text_value
-//    3      | input error EOL          19      | quoted_value
-//    4 line: EOL                       20      | empty_quotes
-//  5-9     | bare_at | cmd_read | ev_set | ev_read | ev_test
-//   10 bare_at: AT EOL                 21 comma: COMMA
-//   11 cmd_read: AT CEVVMCMD QUERY EOL 22 commas: comma
-//   12 ev_set: AT CEVVMEV SET param_list EOL
-//                                      23       | commas comma
-//   13 ev_read: AT CEVVMEV QUERY EOL   24 values: value
-//   14 ev_test: AT CEVVMEV TEST EOL    25       | values commas value
-//   15 text_value: PARAM               26 lead_list: commas values
-//   16 empty_quotes: QUOTE QUOTE       27 trail_list: values commas
-//                                   28-30 param_body: lead_list | values | trail_list
-//                                      31 param_list: param_body
-enum Nonterminal {
-  INPUT,
-  LINE,
-  BARE_AT,
-  CMD_READ,
-  EV_SET,
-  EV_READ,
-  EV_TEST,
-  TEXT_VALUE,
-  EMPTY_QUOTES,
-  QUOTED_VALUE,
-  VALUE,
-  COMMA_NT,
-  COMMAS,
-  VALUES,
-  LEAD_LIST,
-  TRAIL_LIST,
-  PARAM_BODY,
-  PARAM_LIST,
+// The grammar, one production a line: its number, its name and its rule. The
+// tables and the actions use the names; a number is only the production's
+// place in this enum and in REDUCTIONS. A name starts with the name of the
+// nonterminal it makes (NT_..., below).
+enum Production : int {
+  NO_PRODUCTION,       //  0 (a state that does not reduce)
+  INPUT_EMPTY,         //  1 input: (empty)
+  INPUT_LINE,          //  2      | input line
+  INPUT_ERROR,         //  3      | input error EOL
+  LINE_EOL,            //  4 line: EOL
+  LINE_BARE_AT,        //  5     | bare_at
+  LINE_CMD_READ,       //  6     | cmd_read
+  LINE_EV_SET,         //  7     | ev_set
+  LINE_EV_READ,        //  8     | ev_read
+  LINE_EV_TEST,        //  9     | ev_test
+  BARE_AT,             // 10 bare_at: AT EOL
+  CMD_READ,            // 11 cmd_read: AT CEVVMCMD QUERY EOL
+  EV_SET,              // 12 ev_set: AT CEVVMEV SET param_list EOL
+  EV_READ,             // 13 ev_read: AT CEVVMEV QUERY EOL
+  EV_TEST,             // 14 ev_test: AT CEVVMEV TEST EOL
+  TEXT_VALUE,          // 15 text_value: PARAM
+  EMPTY_QUOTES,        // 16 empty_quotes: QUOTE QUOTE
+  QUOTED_VALUE,        // 17 quoted_value: QUOTE text_value QUOTE
+  VALUE_TEXT,          // 18 value: text_value
+  VALUE_QUOTED,        // 19      | quoted_value
+  VALUE_EMPTY_QUOTES,  // 20      | empty_quotes
+  COMMA_TOKEN,         // 21 comma: COMMA
+  COMMAS_FIRST,        // 22 commas: comma
+  COMMAS_MORE,         // 23       | commas comma
+  VALUES_FIRST,        // 24 values: value
+  VALUES_MORE,         // 25       | values commas value
+  LEAD_LIST,           // 26 lead_list: commas values
+  TRAIL_LIST,          // 27 trail_list: values commas
+  PARAM_BODY_LEAD,     // 28 param_body: lead_list
+  PARAM_BODY_VALUES,   // 29           | values
+  PARAM_BODY_TRAIL,    // 30           | trail_list
+  PARAM_LIST,          // 31 param_list: param_body
+  PRODUCTION_COUNT
 };
 
-struct Production {
+enum Nonterminal {
+  NT_INPUT,
+  NT_LINE,
+  NT_BARE_AT,
+  NT_CMD_READ,
+  NT_EV_SET,
+  NT_EV_READ,
+  NT_EV_TEST,
+  NT_TEXT_VALUE,
+  NT_EMPTY_QUOTES,
+  NT_QUOTED_VALUE,
+  NT_VALUE,
+  NT_COMMA,
+  NT_COMMAS,
+  NT_VALUES,
+  NT_LEAD_LIST,
+  NT_TRAIL_LIST,
+  NT_PARAM_BODY,
+  NT_PARAM_LIST,
+};
+
+// What a reduction by each production does: pops `length` entries and pushes
+// `lhs`. One row per production, in the enum's order.
+struct Reduction {
+  Production production;
   Nonterminal lhs;
   int length;
 };
-constexpr Production PRODUCTIONS[] = {
-    {INPUT, 0},  // unused
-    {INPUT, 0},        {INPUT, 2},        {INPUT, 3},      {LINE, 1},       {LINE, 1},
-    {LINE, 1},         {LINE, 1},         {LINE, 1},       {LINE, 1},       {BARE_AT, 2},
-    {CMD_READ, 4},     {EV_SET, 5},       {EV_READ, 4},    {EV_TEST, 4},    {TEXT_VALUE, 1},
-    {EMPTY_QUOTES, 2}, {QUOTED_VALUE, 3}, {VALUE, 1},      {VALUE, 1},      {VALUE, 1},
-    {COMMA_NT, 1},     {COMMAS, 1},       {COMMAS, 2},     {VALUES, 1},     {VALUES, 3},
-    {LEAD_LIST, 2},    {TRAIL_LIST, 2},   {PARAM_BODY, 1}, {PARAM_BODY, 1}, {PARAM_BODY, 1},
-    {PARAM_LIST, 1},
+constexpr Reduction REDUCTIONS[] = {
+    {NO_PRODUCTION, NT_INPUT, 0},  // never reduced by
+    {INPUT_EMPTY, NT_INPUT, 0},
+    {INPUT_LINE, NT_INPUT, 2},
+    {INPUT_ERROR, NT_INPUT, 3},
+    {LINE_EOL, NT_LINE, 1},
+    {LINE_BARE_AT, NT_LINE, 1},
+    {LINE_CMD_READ, NT_LINE, 1},
+    {LINE_EV_SET, NT_LINE, 1},
+    {LINE_EV_READ, NT_LINE, 1},
+    {LINE_EV_TEST, NT_LINE, 1},
+    {BARE_AT, NT_BARE_AT, 2},
+    {CMD_READ, NT_CMD_READ, 4},
+    {EV_SET, NT_EV_SET, 5},
+    {EV_READ, NT_EV_READ, 4},
+    {EV_TEST, NT_EV_TEST, 4},
+    {TEXT_VALUE, NT_TEXT_VALUE, 1},
+    {EMPTY_QUOTES, NT_EMPTY_QUOTES, 2},
+    {QUOTED_VALUE, NT_QUOTED_VALUE, 3},
+    {VALUE_TEXT, NT_VALUE, 1},
+    {VALUE_QUOTED, NT_VALUE, 1},
+    {VALUE_EMPTY_QUOTES, NT_VALUE, 1},
+    {COMMA_TOKEN, NT_COMMA, 1},
+    {COMMAS_FIRST, NT_COMMAS, 1},
+    {COMMAS_MORE, NT_COMMAS, 2},
+    {VALUES_FIRST, NT_VALUES, 1},
+    {VALUES_MORE, NT_VALUES, 3},
+    {LEAD_LIST, NT_LEAD_LIST, 2},
+    {TRAIL_LIST, NT_TRAIL_LIST, 2},
+    {PARAM_BODY_LEAD, NT_PARAM_BODY, 1},
+    {PARAM_BODY_VALUES, NT_PARAM_BODY, 1},
+    {PARAM_BODY_TRAIL, NT_PARAM_BODY, 1},
+    {PARAM_LIST, NT_PARAM_LIST, 1},
 };
 
+constexpr bool reductions_in_order() {
+  if (sizeof REDUCTIONS / sizeof REDUCTIONS[0] != PRODUCTION_COUNT) return false;
+  for (int i = 0; i < PRODUCTION_COUNT; ++i)
+    if (REDUCTIONS[i].production != i) return false;
+  return true;
+}
+static_assert(reductions_in_order(), "REDUCTIONS has one row per production, in the enum's order");
+
 constexpr int END = 0;
-constexpr int ERROR_SYMBOL = 256;  // the "error" of production 3
+constexpr int ERROR_SYMBOL = 256;  // the "error" of INPUT_ERROR
 constexpr int EMPTY = -2;          // no look-ahead token read
 
-// The LALR(1) automaton. Every state that can reduce reduces by its one
-// production for any token it cannot shift, so an error is found only in a
-// state that can only shift; a state without shifts reduces without reading
-// a look-ahead token (a command's action runs as soon as its EOL is read).
+// The LALR(1) automaton of the grammar above, in two tables: STATES holds
+// each state's shifts and its reduction, GOTOS where a state goes after a
+// reduction has made a nonterminal.
+//
+// How they were made. The states are the LR(0) item sets of the grammar with
+// "accept: input END" added, state 0 being the closure of "accept: . input
+// END"; they were numbered in the order the construction first reached them
+// (the numbers are names, nothing more). The look-aheads of each completed
+// item were then computed LALR(1): no state holds two completed items, and
+// the only states that both shift and reduce (27, 39 and 40) reduce on EOL
+// alone and shift only COMMA, PARAM or QUOTE, so there is no conflict. Every
+// state that can reduce then takes its one production as its default
+// reduction: it reduces for any token it cannot shift, so an error is found
+// only in a state that can only shift, and a state without shifts reduces
+// without reading a look-ahead token (a command's action runs as soon as its
+// EOL is read).
+//
+// Reading a row: "/* n */ {P, {{T, m}, ...}}" is state n. With the look-ahead
+// token T it pushes T and goes to state m. With any other token it reduces by
+// P: pops as many entries as P's rule has symbols, then pushes P's
+// nonterminal, going to the state GOTOS gives for the state now on top and
+// that nonterminal. P is NO_PRODUCTION when the state cannot reduce: a token
+// it cannot shift is then a syntax error. ERROR_SYMBOL is the "error" of
+// INPUT_ERROR: on an error the stack is popped to a state that shifts it
+// (state 1 only) and tokens are thrown away until an EOL can follow it.
+// State 1 accepts at END.
+//
+// Adding a command, say AT+NAME?:
+// 1. The scanner: a token code after the last one (at_scanner.h), a rule for
+//    the name in the AFTER_AT start condition, and the generic rule kept off
+//    it (step_generic), or the longest match hands the whole line to the
+//    switch. The client threads take only the lines gateway/client_lines.h
+//    accepts.
+// 2. The grammar: a nonterminal NT_NAME_READ, the productions "name_read: AT
+//    NAME QUERY EOL" and "line: name_read" in the enum above, next to their
+//    nonterminals' others, and their rows in REDUCTIONS at the same places.
+//    The numbers after them move; everything but the comments uses names.
+// 3. The states and gotos: redo the construction. The existing states keep
+//    their numbers: state 4 (after AT) gains a shift on the new token, state
+//    1 a goto on NT_NAME_READ, and the new states take the next numbers.
+//    Check the look-aheads for conflicts (two completed items in one state,
+//    or a token both shifted and reduced on: change the grammar), then write
+//    each new state's row with its default reduction, and its gotos.
+// 4. The action: a case in Parser::act for the production that ends the
+//    command, calling its handler (embms/handlers.h), which answers with
+//    exactly one result code.
 struct Move {
   int symbol;
   int state;
 };
 struct State {
-  int reduce;  // production, or 0
+  Production reduce;  // NO_PRODUCTION: none
   Move shifts[3];
 };
 constexpr State STATES[] = {
-    /*  0 */ {1, {}},
-    /*  1 */ {0, {{ERROR_SYMBOL, 2}, {EOL, 3}, {AT, 4}}},  // and END: accept
-    /*  2 */ {0, {{EOL, 11}}},
-    /*  3 */ {4, {}},
-    /*  4 */ {0, {{EOL, 12}, {CEVVMCMD, 13}, {CEVVMEV, 14}}},
-    /*  5 */ {2, {}},
-    /*  6 */ {5, {}},
-    /*  7 */ {6, {}},
-    /*  8 */ {7, {}},
-    /*  9 */ {8, {}},
-    /* 10 */ {9, {}},
-    /* 11 */ {3, {}},
-    /* 12 */ {10, {}},
-    /* 13 */ {0, {{QUERY, 15}}},
-    /* 14 */ {0, {{SET, 16}, {QUERY, 17}, {TEST, 18}}},
-    /* 15 */ {0, {{EOL, 19}}},
-    /* 16 */ {0, {{PARAM, 20}, {QUOTE, 21}, {COMMA, 22}}},
-    /* 17 */ {0, {{EOL, 34}}},
-    /* 18 */ {0, {{EOL, 35}}},
-    /* 19 */ {11, {}},
-    /* 20 */ {15, {}},
-    /* 21 */ {0, {{QUOTE, 36}, {PARAM, 20}}},
-    /* 22 */ {21, {}},
-    /* 23 */ {0, {{EOL, 38}}},
-    /* 24 */ {31, {}},
-    /* 25 */ {28, {}},
-    /* 26 */ {30, {}},
-    /* 27 */ {29, {{COMMA, 22}}},
-    /* 28 */ {0, {{PARAM, 20}, {QUOTE, 21}, {COMMA, 22}}},
-    /* 29 */ {22, {}},
-    /* 30 */ {24, {}},
-    /* 31 */ {18, {}},
-    /* 32 */ {19, {}},
-    /* 33 */ {20, {}},
-    /* 34 */ {13, {}},
-    /* 35 */ {14, {}},
-    /* 36 */ {16, {}},
-    /* 37 */ {0, {{QUOTE, 42}}},
-    /* 38 */ {12, {}},
-    /* 39 */ {27, {{PARAM, 20}, {QUOTE, 21}, {COMMA, 22}}},
-    /* 40 */ {26, {{COMMA, 22}}},
-    /* 41 */ {23, {}},
-    /* 42 */ {17, {}},
-    /* 43 */ {25, {}},
-    /* 44 */ {0, {{PARAM, 20}, {QUOTE, 21}, {COMMA, 22}}},
+    /*  0 */ {INPUT_EMPTY, {}},
+    /*  1 */ {NO_PRODUCTION, {{ERROR_SYMBOL, 2}, {EOL, 3}, {AT, 4}}},  // and END: accept
+    /*  2 */ {NO_PRODUCTION, {{EOL, 11}}},
+    /*  3 */ {LINE_EOL, {}},
+    /*  4 */ {NO_PRODUCTION, {{EOL, 12}, {CEVVMCMD, 13}, {CEVVMEV, 14}}},
+    /*  5 */ {INPUT_LINE, {}},
+    /*  6 */ {LINE_BARE_AT, {}},
+    /*  7 */ {LINE_CMD_READ, {}},
+    /*  8 */ {LINE_EV_SET, {}},
+    /*  9 */ {LINE_EV_READ, {}},
+    /* 10 */ {LINE_EV_TEST, {}},
+    /* 11 */ {INPUT_ERROR, {}},
+    /* 12 */ {BARE_AT, {}},
+    /* 13 */ {NO_PRODUCTION, {{QUERY, 15}}},
+    /* 14 */ {NO_PRODUCTION, {{SET, 16}, {QUERY, 17}, {TEST, 18}}},
+    /* 15 */ {NO_PRODUCTION, {{EOL, 19}}},
+    /* 16 */ {NO_PRODUCTION, {{PARAM, 20}, {QUOTE, 21}, {COMMA, 22}}},
+    /* 17 */ {NO_PRODUCTION, {{EOL, 34}}},
+    /* 18 */ {NO_PRODUCTION, {{EOL, 35}}},
+    /* 19 */ {CMD_READ, {}},
+    /* 20 */ {TEXT_VALUE, {}},
+    /* 21 */ {NO_PRODUCTION, {{QUOTE, 36}, {PARAM, 20}}},
+    /* 22 */ {COMMA_TOKEN, {}},
+    /* 23 */ {NO_PRODUCTION, {{EOL, 38}}},
+    /* 24 */ {PARAM_LIST, {}},
+    /* 25 */ {PARAM_BODY_LEAD, {}},
+    /* 26 */ {PARAM_BODY_TRAIL, {}},
+    /* 27 */ {PARAM_BODY_VALUES, {{COMMA, 22}}},
+    /* 28 */ {NO_PRODUCTION, {{PARAM, 20}, {QUOTE, 21}, {COMMA, 22}}},
+    /* 29 */ {COMMAS_FIRST, {}},
+    /* 30 */ {VALUES_FIRST, {}},
+    /* 31 */ {VALUE_TEXT, {}},
+    /* 32 */ {VALUE_QUOTED, {}},
+    /* 33 */ {VALUE_EMPTY_QUOTES, {}},
+    /* 34 */ {EV_READ, {}},
+    /* 35 */ {EV_TEST, {}},
+    /* 36 */ {EMPTY_QUOTES, {}},
+    /* 37 */ {NO_PRODUCTION, {{QUOTE, 42}}},
+    /* 38 */ {EV_SET, {}},
+    /* 39 */ {TRAIL_LIST, {{PARAM, 20}, {QUOTE, 21}, {COMMA, 22}}},
+    /* 40 */ {LEAD_LIST, {{COMMA, 22}}},
+    /* 41 */ {COMMAS_MORE, {}},
+    /* 42 */ {QUOTED_VALUE, {}},
+    /* 43 */ {VALUES_MORE, {}},
+    /* 44 */ {NO_PRODUCTION, {{PARAM, 20}, {QUOTE, 21}, {COMMA, 22}}},
 };
 
 struct Goto {
@@ -139,16 +240,19 @@ struct Goto {
   int to;
 };
 constexpr Goto GOTOS[] = {
-    {0, INPUT, 1},          {1, LINE, 5},           {1, BARE_AT, 6},        {1, CMD_READ, 7},
-    {1, EV_SET, 8},         {1, EV_READ, 9},        {1, EV_TEST, 10},       {16, PARAM_LIST, 23},
-    {16, PARAM_BODY, 24},   {16, LEAD_LIST, 25},    {16, TRAIL_LIST, 26},   {16, VALUES, 27},
-    {16, COMMAS, 28},       {16, COMMA_NT, 29},     {16, VALUE, 30},        {16, TEXT_VALUE, 31},
-    {16, QUOTED_VALUE, 32}, {16, EMPTY_QUOTES, 33}, {21, TEXT_VALUE, 37},   {27, COMMAS, 39},
-    {27, COMMA_NT, 29},     {28, VALUES, 40},       {28, COMMA_NT, 41},     {28, VALUE, 30},
-    {28, TEXT_VALUE, 31},   {28, QUOTED_VALUE, 32}, {28, EMPTY_QUOTES, 33}, {39, VALUE, 43},
-    {39, COMMA_NT, 41},     {39, TEXT_VALUE, 31},   {39, QUOTED_VALUE, 32}, {39, EMPTY_QUOTES, 33},
-    {40, COMMAS, 44},       {40, COMMA_NT, 29},     {44, VALUE, 43},        {44, COMMA_NT, 41},
-    {44, TEXT_VALUE, 31},   {44, QUOTED_VALUE, 32}, {44, EMPTY_QUOTES, 33},
+    {0, NT_INPUT, 1},          {1, NT_LINE, 5},           {1, NT_BARE_AT, 6},
+    {1, NT_CMD_READ, 7},       {1, NT_EV_SET, 8},         {1, NT_EV_READ, 9},
+    {1, NT_EV_TEST, 10},       {16, NT_PARAM_LIST, 23},   {16, NT_PARAM_BODY, 24},
+    {16, NT_LEAD_LIST, 25},    {16, NT_TRAIL_LIST, 26},   {16, NT_VALUES, 27},
+    {16, NT_COMMAS, 28},       {16, NT_COMMA, 29},        {16, NT_VALUE, 30},
+    {16, NT_TEXT_VALUE, 31},   {16, NT_QUOTED_VALUE, 32}, {16, NT_EMPTY_QUOTES, 33},
+    {21, NT_TEXT_VALUE, 37},   {27, NT_COMMAS, 39},       {27, NT_COMMA, 29},
+    {28, NT_VALUES, 40},       {28, NT_COMMA, 41},        {28, NT_VALUE, 30},
+    {28, NT_TEXT_VALUE, 31},   {28, NT_QUOTED_VALUE, 32}, {28, NT_EMPTY_QUOTES, 33},
+    {39, NT_VALUE, 43},        {39, NT_COMMA, 41},        {39, NT_TEXT_VALUE, 31},
+    {39, NT_QUOTED_VALUE, 32}, {39, NT_EMPTY_QUOTES, 33}, {40, NT_COMMAS, 44},
+    {40, NT_COMMA, 29},        {44, NT_VALUE, 43},        {44, NT_COMMA, 41},
+    {44, NT_TEXT_VALUE, 31},   {44, NT_QUOTED_VALUE, 32}, {44, NT_EMPTY_QUOTES, 33},
 };
 
 constexpr int ACCEPT_STATE = 1;
@@ -167,8 +271,11 @@ int goto_target(int state, Nonterminal symbol) {
 
 bool has_shifts(int state) { return STATES[state].shifts[0].state != 0; }
 
-// The parser owns a parameter's text from the scanner until production 15
-// stores it, or until error recovery throws it away here.
+// The parser owns a parameter's text from the scanner until TEXT_VALUE
+// stores it, or until error recovery throws it away here. "destructing <text>"
+// on standard error is part of what the daemon does, like the scanner's token
+// trace on standard output: it stays byte for byte (stderr is the terminal in
+// the foreground, /dev/null once daemonised; never the log or the wire).
 void destruct(int symbol, YYSTYPE value) {
   if (symbol != PARAM && symbol != STRING2) return;
   fprintf(stderr, "destructing %s\n", value.str);
@@ -233,8 +340,8 @@ class Parser {
 
  private:
   bool push(int state, int symbol, YYSTYPE value);
-  bool reduce(int production);
-  void act(int production, const Entry* rhs);
+  bool reduce(Production production);
+  void act(Production production, const Entry* rhs);
   void pop_all();
 
   EntryStack stack_;
@@ -258,39 +365,39 @@ bool Parser::push(int state, int symbol, YYSTYPE value) {
   return true;
 }
 
-void Parser::act(int production, const Entry* rhs) {
+void Parser::act(Production production, const Entry* rhs) {
   switch (production) {
-    case 3:  // leave error recovery at once
+    case INPUT_ERROR:  // leave error recovery at once
       error_status_ = 0;
       lookahead_ = EMPTY;
       break;
-    case 10:
+    case BARE_AT:
       zorSrv_SendResponse(RESULT_OK);
       break;
-    case 11:
+    case CMD_READ:
       zorSrv_HandleReadCEVVMCMD();
       break;
-    case 12:
+    case EV_SET:
       if (gATParser_Num_Params == 1) zorSrv_HandleSetCEVVMEV(event_of_first_value());
       break;
-    case 13:
+    case EV_READ:
       zorSrv_HandleReadCEVVMEV();
       break;
-    case 14:
+    case EV_TEST:
       zorSrv_SendResponse(RESULT_ERROR);
       break;
-    case 15:
+    case TEXT_VALUE:
       // strncpy: a text of 80 or more fills the field without a terminator.
       strncpy(gATParams[gATParser_Num_Params].value, rhs[0].value.str, AT_PARAM_VALUE_SIZE);
       free(rhs[0].value.str);
       break;
-    case 21:
+    case COMMA_TOKEN:
       next_slot();
       break;
-    case 26:
+    case LEAD_LIST:
       gATParams[0].value[0] = '\0';
       break;
-    case 31:
+    case PARAM_LIST:
       if (gATParser_Num_Params < AT_PARAM_SLOTS) ++gATParser_Num_Params;
       break;
     default:
@@ -298,8 +405,8 @@ void Parser::act(int production, const Entry* rhs) {
   }
 }
 
-bool Parser::reduce(int production) {
-  const Production& p = PRODUCTIONS[production];
+bool Parser::reduce(Production production) {
+  const Reduction& p = REDUCTIONS[production];
   size_t first = stack_.size() - static_cast<size_t>(p.length);
   YYSTYPE value = p.length > 0 ? stack_[first].value : YYSTYPE{};
   act(production, stack_.data() + first);
@@ -324,7 +431,7 @@ int Parser::run() {
   for (;;) {
     int state = stack_.back().state;
     const State& row = STATES[state];
-    if (row.reduce != 0 && !has_shifts(state)) {
+    if (row.reduce != NO_PRODUCTION && !has_shifts(state)) {
       if (!reduce(row.reduce)) return 2;
       continue;
     }
@@ -342,13 +449,13 @@ int Parser::run() {
       lookahead_ = EMPTY;
       continue;
     }
-    if (row.reduce != 0) {
+    if (row.reduce != NO_PRODUCTION) {
       if (!reduce(row.reduce)) return 2;
       continue;
     }
 
     // A syntax error: report it unless recovering already, then throw tokens
-    // away until production 3 can take the line end.
+    // away until INPUT_ERROR can take the line end.
     if (error_status_ == 0) yyerror("syntax error");
     if (error_status_ == 3) {
       if (lookahead_ == END) {

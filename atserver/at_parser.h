@@ -1,5 +1,11 @@
 // The parser of the command server's AT language (LALR(1), written out as
 // tables): runs the daemon's own commands and collects their parameters.
+//
+// Command server thread only, no lock: yyparse runs there for good (one
+// parser per process; its state and the scanner's are global). gATParams and
+// gATParser_Num_Params are filled and read by its actions (the set command's
+// event is its first value), and the scanner resets the count at each
+// command name, all on that thread.
 #pragma once
 
 #include <cstdint>

@@ -258,6 +258,14 @@ int yylex() {
     yyleng = static_cast<int>(len);
     echo();
 
+    // The token trace: "--- GOT AT", "--- GOT CEVVMCMD", "--- GOT CEVVMEV",
+    // "--- GOT SET", "got tab", "--- got EOL", "--- gen-e at cmd: <text>" and
+    // "--- lex error: <text>", each with its newline. It is part of what the
+    // daemon does (people run zord in the foreground to watch it), so every
+    // mark stays byte for byte. It goes through stdio to standard output: the
+    // terminal in the foreground, /dev/null once daemonised; never to the log
+    // or the wire. The parser's "destructing <text>" is its match on
+    // standard error.
     switch (rule) {
       case RULE_AT:
         start_condition = AFTER_AT;

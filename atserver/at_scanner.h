@@ -1,5 +1,10 @@
 // The scanner of the command server's AT language: splits what the
 // dispatcher sends into tokens, echoing every matched text back to it.
+//
+// Command server thread only, no lock: the parser on that thread is its one
+// caller. yyin_socket is set before the parser starts (the accepted
+// connection, which is also zorSrv_OutSocket); yylval, yytext, yyleng and the
+// input buffer are that thread's alone.
 #pragma once
 
 #include <cstddef>

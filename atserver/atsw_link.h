@@ -1,5 +1,14 @@
 // The link to the modem's AT switch: find the socket that serves a role,
 // connect to it, send one command and read its answer to the final result.
+//
+// cmd_atsw_fd is shared without a lock, by design: the command server thread
+// connects it once at its start and publishes it (release); the registration
+// thread waits for it (acquire), then asks AT+CEREG? over it while the command
+// server thread may be using it for a client's command, so their commands and
+// answers may cross on that one connection. Each send loads it relaxed; it is
+// never closed. cmd_atsw_path is the command server thread's: set by it to its
+// own buffer before the connect, read by no other thread. The functions keep
+// no state: any thread may call them with buffers of its own.
 #pragma once
 
 #include <cstddef>
@@ -8,7 +17,7 @@ constexpr size_t ATSW_PATH_SIZE = 64;
 constexpr size_t ATSW_TEXT_SIZE = 2048;
 
 extern char* cmd_atsw_path;  // the command connection's path (the command server's buffer)
-extern int cmd_atsw_fd;      // the command connection; 0 until connected
+extern int cmd_atsw_fd;      // the command connection; 0 until connect() ends, -1: no socket
 
 // Writes "/tmp/atsw<N>" (under ZORD_ROOT) for the first configuration line
 // that names the role after a number above 0. 0 when the file could be read,

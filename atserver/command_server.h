@@ -1,5 +1,7 @@
 // The command server thread: takes the dispatcher's one connection on its
 // Unix socket and parses the commands that arrive on it for good.
+// It sets up the switch link and the output socket (atsw_link.h,
+// result_writers.h) before parsing; echo_enabled is its alone.
 #pragma once
 
 extern int echo_enabled;  // stored by zorSrv_HandleEcho; the scanner echoes regardless

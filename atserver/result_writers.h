@@ -1,6 +1,15 @@
 // Everything the command server writes back on its one connection: result
 // codes, information texts and forwarded AT switch answers, serialised by
 // send_atcmd_lock.
+//
+// Command server thread: the grammar's actions, the handlers and the scanner
+// write here, all on that thread. zorSrv_OutSocket is set once by it, to the
+// accepted connection, before its parser starts, and is read without a lock.
+// send_atcmd_lock keeps the writes of one answer (line end, text, result
+// code) together: the locked writers take it, the two unlocked ones expect it
+// held. The scanner echoes each token to the same connection without it, from
+// the same thread, between answers. The registration thread also uses the
+// switch link, but always with an answer buffer: it never writes here.
 #pragma once
 
 #include <pthread.h>

@@ -1,6 +1,9 @@
 // Development-host seams. ZORD_ROOT puts every fixed path of the daemon under
 // a directory, ZORD_PORT moves the client port; both are read once, at first
 // use. Unset, the daemon uses the router's own paths and port 6666.
+// Threads: the first use reads them under pthread_once, from whichever thread
+// comes first, and they never change after, so any thread reads them without
+// a lock. set_foreground is for main(), before any thread starts.
 #pragma once
 
 #include <cstddef>

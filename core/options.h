@@ -1,5 +1,6 @@
 // Command-line options: the long-option table, the usage text and the
-// settings they fill. Written by main() before any thread starts.
+// settings they fill. Written by main() before any thread starts and never
+// after: any thread reads them without a lock.
 #pragma once
 
 #include <cstdint>

@@ -76,7 +76,7 @@ bool find_plmn(const char* answer, char* plmn, size_t* length) {
   token += strspn(token, "\"");
   if (*token == '\0') return false;
   *length = strcspn(token, "\"");
-  cut(token, plmn, 6, *length);
+  cut(token, plmn, CELL_PLMN_WIDTH, *length);
   return true;
 }
 
@@ -92,15 +92,15 @@ void build_cell_id(const char* plmn, size_t plmn_length, const Registration& reg
   // terminators and ends the text there. The ci piece skips its first
   // character (the quote when the modem quotes it); the tac piece does not.
   const char* ci_tail = reg.ci[0] != '\0' ? reg.ci + 1 : reg.ci;
-  size_t plmn_width = 6;
-  if (plmn_length != 6) {
+  size_t plmn_width = CELL_PLMN_WIDTH;
+  if (plmn_length != CELL_PLMN_WIDTH) {
     ZLOG_INFO("mccmnc strlen 5\n");
-    plmn_width = 5;
+    plmn_width = CELL_PLMN_SHORT_WIDTH;
   }
   place(cell_id, plmn, plmn_width);
-  place(cell_id + plmn_width, reg.tac, 4);
-  place(cell_id + plmn_width + 4, ci_tail, 7);
-  cell_id[plmn_width + 11] = '\0';
+  place(cell_id + plmn_width, reg.tac, CELL_TAC_WIDTH);
+  place(cell_id + plmn_width + CELL_TAC_WIDTH, ci_tail, CELL_CI_WIDTH);
+  cell_id[plmn_width + CELL_TAC_WIDTH + CELL_CI_WIDTH] = '\0';
 }
 
 void log_registration(const char* name, const Registration& reg) {

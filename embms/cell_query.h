@@ -1,10 +1,29 @@
 // The serving-cell query shared by the AT+CEVVMEV and AT+CEVVMCMD handlers:
 // registration, operator, duplex mode and the cell identity text built from them.
+// No state of its own: the handlers (command server thread) and the
+// registration thread call it with their own buffers; their commands go over
+// the one shared switch connection (atserver/atsw_link.h).
+//
+// zordctl includes this header for the layout of the cell identity text and
+// links nothing of the daemon: keep it to declarations and constants.
 #pragma once
 
 #include <cstddef>
 
 constexpr size_t ANSWER_SIZE = 2048;
+
+// The cell identity text: the PLMN (6 characters, or the first 5 when the
+// operator's token is not 6 long), then 4 characters of the tracking area
+// from its first and 7 of the cell id from its second, as the registration
+// answer has them.
+constexpr size_t CELL_PLMN_WIDTH = 6;
+constexpr size_t CELL_PLMN_SHORT_WIDTH = 5;
+constexpr size_t CELL_TAC_WIDTH = 4;
+constexpr size_t CELL_CI_WIDTH = 7;
+constexpr size_t CELL_ID_LENGTH = CELL_PLMN_WIDTH + CELL_TAC_WIDTH + CELL_CI_WIDTH;  // 17
+constexpr size_t CELL_ID_SHORT_LENGTH =
+    CELL_PLMN_SHORT_WIDTH + CELL_TAC_WIDTH + CELL_CI_WIDTH;  // 16
+constexpr size_t CELL_ID_SIZE = CELL_ID_LENGTH + 1;          // with its terminator
 
 // The fields of a registration answer. tac and ci are also kept whole, as
 // places in the scanned answer, for the log entry; the cut copies feed the
@@ -13,8 +32,8 @@ struct Registration {
   int fields = 0;  // conversions made (fewer than 4: no registration answer)
   int n = 0;
   int stat = 0;
-  char tac[5] = {};  // as between the commas, quotes included
-  char ci[9] = {};
+  char tac[CELL_TAC_WIDTH + 1] = {};    // as between the commas, quotes included
+  char ci[1 + CELL_CI_WIDTH + 1] = {};  // the cell text skips the first character
   int act = 0;
   const char* tac_whole = "";  // in the answer; valid while it is
   int tac_length = 0;
@@ -33,8 +52,8 @@ Registration scan_registration(const char* answer);
 bool is_registered(int stat);
 
 // The PLMN: the second token of the answer split on double quotes. Returns
-// false when there is none; else plmn (7 bytes) holds at most 6 characters
-// and *length the token's own length.
+// false when there is none; else plmn (CELL_PLMN_WIDTH + 1 bytes) holds at
+// most CELL_PLMN_WIDTH characters and *length the token's own length.
 bool find_plmn(const char* answer, char* plmn, size_t* length);
 
 // The 3 characters after "duplexing mode: " into duplex (4 bytes).
@@ -44,7 +63,7 @@ bool find_duplex(const char* answer, char* duplex);
 // second: 17 characters for a 6-character PLMN token, else 16 from the first
 // 5 PLMN characters ("mccmnc strlen 5" logged). A short piece ends the text.
 void build_cell_id(const char* plmn, size_t plmn_length, const Registration& reg,
-                   char* cell_id /* 18 bytes */);
+                   char* cell_id /* CELL_ID_SIZE bytes */);
 
 // Steps of the query with their log entries, for handler `name`:
 // AT+COPS=3,2 and AT+COPS? (answer cleared first), then AT%PCONI.

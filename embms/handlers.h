@@ -1,5 +1,7 @@
 // The handlers of the daemon's own commands, called by the grammar on the
 // command server thread: AT+CEVVMEV=<event>, AT+CEVVMEV? and AT+CEVVMCMD?.
+// What the set handler last reported (cell identity, WAN addresses) is kept
+// in set_handler.cpp for that thread alone, without a lock.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +15,8 @@ int zorSrv_HandleReadCEVVMEV();
 // +CEVVMCMD:imsi,cell,duplex with OK.
 int zorSrv_HandleReadCEVVMCMD();
 
-// One write of the text to the dispatcher's unsolicited socket pair.
+// One write of the text to the dispatcher's unsolicited socket pair (which
+// the unsolicited thread writes too; one text a write keeps them whole).
 int zorSrv_SendUnsol(const char* text);
 // The first line of "uci get KEY" less its newline into out (out_size bytes,
 // cleared by the caller). -1 when the command cannot be run.

@@ -16,7 +16,7 @@ namespace {
 bool registered_cell(const char* name, char* answer, const Registration& reg, char* cell_id,
                      char* duplex) {
   int status = 0;
-  char plmn[7] = {};
+  char plmn[CELL_PLMN_WIDTH + 1] = {};
   size_t plmn_length = 0;
   if (!query_plmn(name, answer, &status, plmn, &plmn_length) ||
       !query_duplex(name, answer, &status, duplex)) {
@@ -46,7 +46,7 @@ int zorSrv_HandleReadCEVVMEV() {
     snprintf(text, sizeof text, "%s:%s,%s", "+CEVVMEV", "NULL", "NULL");
     return zorSrv_SendResponseText(text, RESULT_AOK);
   }
-  char cell_id[18] = {};
+  char cell_id[CELL_ID_SIZE] = {};
   char duplex[4] = {};
   if (!registered_cell(name, answer, reg, cell_id, duplex)) return 0;
   snprintf(text, sizeof text, "%s:%s,%s", "+CEVVMEV", cell_id, duplex);
@@ -79,7 +79,7 @@ int zorSrv_HandleReadCEVVMCMD() {
     snprintf(text, sizeof text, "%s:%s,%s,%s", "+CEVVMCMD", imsi, "NULL", "NULL");
     return zorSrv_SendResponseText(text, RESULT_OK);
   }
-  char cell_id[18] = {};
+  char cell_id[CELL_ID_SIZE] = {};
   char duplex[4] = {};
   if (!registered_cell(name, answer, reg, cell_id, duplex)) return 0;
   snprintf(text, sizeof text, "%s:%s,%s,%s", "+CEVVMCMD", imsi, cell_id, duplex);

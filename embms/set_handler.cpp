@@ -103,13 +103,13 @@ int zorSrv_HandleSetCEVVMEV(int event) {
   if (reg.fields < 4 || !is_registered(reg.stat)) return send_null_line();
 
   int status = 0;
-  char plmn[7] = {};
+  char plmn[CELL_PLMN_WIDTH + 1] = {};
   size_t plmn_length = 0;
   char duplex[4] = {};
   if (!query_plmn(name, answer, &status, plmn, &plmn_length) ||
       !query_duplex(name, answer, &status, duplex))
     return zorSrv_SendResponse(RESULT_OK);
-  char cell_id[18] = {};
+  char cell_id[CELL_ID_SIZE] = {};
   build_cell_id(plmn, plmn_length, reg, cell_id);
 
   int changed = wan_addresses_changed();

@@ -1,6 +1,10 @@
 // AT queue dispatcher: sends queued commands to the command server one at a
 // time, hands each answer to the client that asked, and spreads unsolicited
 // texts to the subscribers.
+//
+// Dispatcher thread only: it owns the ring and process_unsol (no lock; see
+// gateway/at_queue.h), and its own state lives inside run_at_q_thread. The two
+// functions below are that thread's and touch the ring without a lock.
 #pragma once
 
 #include <cstddef>

@@ -1,6 +1,9 @@
 // Activate and deactivate eMBMS sessions for the client whose command is
 // being handled: modem commands plus session-table changes. Carried for the
 // session commands; no command of the daemon reaches them yet.
+// Command server thread only, like the session table: they read the queue
+// entry being handled (zor_getCurrAtQEntry) and keep their list of sessions
+// to stop in a buffer of that thread's, without a lock.
 #pragma once
 
 #include <cstdint>

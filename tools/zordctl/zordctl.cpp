@@ -14,6 +14,7 @@
 #include <ctime>
 #include <string_view>
 
+#include "embms/cell_query.h"
 #include "tools/zordctl/link.h"
 #include "zord_version.h"
 
@@ -162,11 +163,13 @@ Fields split(std::string_view line) {
   }
 }
 
-// The cell text is the PLMN (6 digits, or 5 in a 16-character text), the
-// tracking area (4) and the cell id less its first digit (7); any other
-// length is given whole only.
+// The cell text as the daemon lays it out (embms/cell_query.h): the PLMN (6
+// digits, or 5 in a 16-character text), the tracking area (4) and the cell id
+// less its first digit (7); any other length is given whole only.
 void add_json_cell(std::string_view cell) {
-  size_t plmn = cell.size() == 17 ? 6 : cell.size() == 16 ? 5 : 0;
+  size_t plmn = cell.size() == CELL_ID_LENGTH         ? CELL_PLMN_WIDTH
+                : cell.size() == CELL_ID_SHORT_LENGTH ? CELL_PLMN_SHORT_WIDTH
+                                                      : 0;
   auto part = [&](size_t from, size_t size) {
     plmn == 0 ? add("null") : add_json(std::string_view(cell.data() + from, size));
   };
@@ -175,9 +178,9 @@ void add_json_cell(std::string_view cell) {
   add(",\"plmn\":");
   part(0, plmn);
   add(",\"tac\":");
-  part(plmn, 4);
+  part(plmn, CELL_TAC_WIDTH);
   add(",\"cell_id\":");
-  part(plmn + 4, 7);
+  part(plmn + CELL_TAC_WIDTH, CELL_CI_WIDTH);
 }
 
 void add_json_line(std::string_view line) {
