@@ -2,12 +2,15 @@
 // behind it that tests and people can change while it runs.
 #pragma once
 
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace atsw {
+
+struct Sim;  // the simulator's insides (sim.h), private to tools/atsw-sim
 
 struct Received {
   int connection;    // command connections are numbered from 1 in accept order
@@ -55,8 +58,7 @@ class Simulator {
   std::string uci_dir() const;  // where the fake uci finds its values
 
  private:
-  struct Impl;
-  Impl* impl_;
+  std::unique_ptr<Sim> sim_;
 };
 
 // C-style escapes for control texts: \r \n \t \\ \" and \xHH.
