@@ -41,6 +41,8 @@ extern "C" int usleep(useconds_t) { return 0; }
 // per command (the address check then skips both families).
 extern "C" FILE* popen(const char*, const char*) { return nullptr; }
 
+// Each target starts its threads and connections once, in LLVMFuzzerInitialize.
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 namespace fz {
@@ -57,26 +59,28 @@ inline void check(bool holds) {
 inline int init(const char* socket_name = nullptr) {
   static char root[] = "/tmp/zfuzzXXXXXX";
   struct sigaction timer {};
-  check(!sigaction(SIGALRM, nullptr, &timer) && (timer.sa_flags |= SA_RESTART) &&
-        !sigaction(SIGALRM, &timer, nullptr));
-  check(log_open("/dev/null") != nullptr && init_shared_ipc() == 0 && mkdtemp(root) &&
-        !setenv("ZORD_ROOT", root, 1));
+  check(sigaction(SIGALRM, nullptr, &timer) == 0);
+  timer.sa_flags |= SA_RESTART;
+  check(sigaction(SIGALRM, &timer, nullptr) == 0);
+  check(log_open("/dev/null") != nullptr && init_shared_ipc() == 0 && mkdtemp(root) != nullptr);
+  check(setenv("ZORD_ROOT", root, 1) == 0);
   atexit([] { std::filesystem::remove_all(root); });
   for (const char* dir : {"/tmp", "/etc/atswitch_config"})
     std::filesystem::create_directories(root + std::string(dir));
   std::ofstream(root + std::string("/etc/atswitch_config/atswitch_ecm_config.csv"))
       << "12,VVMUNSOL,x\n";
+  if (socket_name == nullptr) return -1;
   sockaddr_un addr{AF_UNIX, {}};
-  snprintf(addr.sun_path, sizeof addr.sun_path, "%s/tmp/%s", root, socket_name ? socket_name : "");
+  snprintf(addr.sun_path, sizeof addr.sun_path, "%s/tmp/%s", root, socket_name);
   int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  check(!socket_name ||
-        (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 && listen(fd, 1) == 0));
+  check(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 && listen(fd, 1) == 0);
   return fd;
 }
 
 inline std::array<int, 2> pair(int type = SOCK_STREAM) {
   std::array<int, 2> fds{};
-  return check(socketpair(AF_UNIX, type, 0, fds.data()) == 0), fds;
+  check(socketpair(AF_UNIX, type, 0, fds.data()) == 0);
+  return fds;
 }
 
 inline void put(int fd, std::string_view b) {
@@ -87,9 +91,12 @@ inline void put(int fd, std::string_view b) {
 // socket); with want 0, what is there now.
 inline std::string take(int fd, size_t want = 0) {
   std::string got, buf(65536, '\0');
-  for (ssize_t n; (!want || got.size() < want) &&
-                  (n = recv(fd, buf.data(), buf.size(), want ? 0 : MSG_DONTWAIT)) >= 0;)
-    check(n > 0 || !want), got.append(buf, 0, static_cast<size_t>(n));
+  while (want == 0 || got.size() < want) {
+    ssize_t n = recv(fd, buf.data(), buf.size(), want != 0 ? 0 : MSG_DONTWAIT);
+    if (n <= 0) break;
+    got.append(buf, 0, static_cast<size_t>(n));
+  }
+  check(got.size() >= want);
   return got;
 }
 
@@ -112,16 +119,19 @@ inline std::vector<std::string> split(std::string_view s, char separator, bool k
 
 // Whether bytes are these pieces one after the other, in any order and number.
 inline void made_of(std::string_view bytes, std::initializer_list<std::string_view> pieces) {
-  for (const std::string_view* piece; !bytes.empty(); bytes.remove_prefix(piece->size()))
-    check((piece = std::ranges::find_if(pieces, [&](auto p) { return bytes.starts_with(p); })) !=
-          pieces.end());
+  while (!bytes.empty()) {
+    auto piece = std::ranges::find_if(pieces, [&](auto p) { return bytes.starts_with(p); });
+    check(piece != pieces.end());
+    bytes.remove_prefix(piece->size());
+  }
 }
 
 }  // namespace fz
 
 #ifndef ZORD_FUZZ
 // Without libFuzzer, each target is a program that feeds itself the one file named.
-int main(int, char** argv) {
+int main(int argc, char** argv) {
+  LLVMFuzzerInitialize(&argc, &argv);
   std::ifstream file(argv[1], std::ios::binary);
   std::string bytes{std::istreambuf_iterator<char>(file), {}};
   return LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());

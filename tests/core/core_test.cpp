@@ -14,18 +14,23 @@
 #include "core/signals.h"
 #include "tests/support/support.h"
 
+// Milliseconds are rounded; 999.5 and up show as ".1000", the second unchanged.
 TEST(TimeText, RoundsMillisecondsWithoutCarryingTheSecond) {
   setenv("TZ", "UTC", 1);
   tzset();
-  // 14:03:07 UTC on a day in 2026, with its microseconds.
+  const time_t AT_14_03_07 = 20779L * 86400 + 14 * 3600 + 3 * 60 + 7;  // UTC, on a day in 2026
   struct Row {
     long usec;
     const char* text;
-  } rows[] = {{0, "14:03:07.000"},   {42000, "14:03:07.042"},  {499, "14:03:07.000"},
-              {500, "14:03:07.001"}, {999499, "14:03:07.999"}, {999500, "14:03:07.1000"}};
+  } rows[] = {
+      {42000, "14:03:07.042"},
+      {499, "14:03:07.000"},
+      {500, "14:03:07.001"},
+      {999500, "14:03:07.1000"},
+  };
   for (const Row& row : rows) {
     char text[32];
-    format_time_text(timeval{20779L * 86400 + 14 * 3600 + 3 * 60 + 7, row.usec}, text, sizeof text);
+    format_time_text(timeval{AT_14_03_07, row.usec}, text, sizeof text);
     EXPECT_STREQ(text, row.text) << row.usec;
   }
 }
@@ -47,22 +52,24 @@ TEST(Log, HoldsWholeEntriesUntilItOpensThenAppends) {
                                std::regex(time + "no line end, " + time + "next entry\n")));
 }
 
+// High bytes are sign-extended and shown as "."; the closing line keeps a
+// "%"; level 0 makes an error entry.
 TEST(AtMessageDump, WritesHexAndCharactersSixteenBytesALine) {
   zt::TempRoot root;
   ASSERT_NE(log_open(root.log_path().c_str()), nullptr);
+  const std::string SIXTEEN = "Hello%World12345", TWENTY = "ABCDEFGHIJKLMNOPQRST";
+  const std::string HEX_16 = " 48 65 6C 6C 6F 25 57 6F 72 6C 64 31 32 33 34 35";
+  const std::string HEX_20 = " 41 42 43 44 45 46 47 48 49 4A 4B 4C 4D 4E 4F 50";
   struct Row {
     int32_t level;
     std::string bytes, dump;
-  } rows[] = {{1, "", " --- \n\n"},
-              {1, "Hello%World12345",
-               " 48 65 6C 6C 6F 25 57 6F 72 6C 64 31 32 33 34 35 --- Hello+World12345\n\n"},
-              {1, "ABCDEFGHIJKLMNOPQRST",
-               " 41 42 43 44 45 46 47 48 49 4A 4B 4C 4D 4E 4F 50 --- ABCDEFGHIJKLMNOP\n"
-               " 51 52 53 54 --- QRST\n\n"},
-              // High bytes sign-extended and shown as "."; the closing line keeps a "%"; level 0 is
-              // an error entry.
-              {1, "\x80\x7F", " FFFFFF80 7F --- .\x7F\n\n"},
-              {0, "%\r\nOK", "err:  25 0D 0A 4F 4B --- %..OK\n\n"}};
+  } rows[] = {
+      {1, "", " --- \n\n"},
+      {1, SIXTEEN, HEX_16 + " --- Hello+World12345\n\n"},
+      {1, TWENTY, HEX_20 + " --- ABCDEFGHIJKLMNOP\n 51 52 53 54 --- QRST\n\n"},
+      {1, "\x80\x7F", " FFFFFF80 7F --- .\x7F\n\n"},
+      {0, "%\r\nOK", "err:  25 0D 0A 4F 4B --- %..OK\n\n"},
+  };
   const std::regex pstr("pStr is initialized to [0-9A-F]+\n");
   for (const Row& row : rows) {
     size_t before = zt::without_time_text(zt::read_file(root.log_path())).size();
@@ -73,24 +80,26 @@ TEST(AtMessageDump, WritesHexAndCharactersSixteenBytesALine) {
 }
 
 void segv() {
-  *static_cast<volatile int*>(mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) =
-      1;
+  void* page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  *static_cast<volatile int*>(page) = 1;
 }
 
 // A child whose three threads log without pause is ended by a signal sent to
 // it or by a fault in one of its threads: the last entry is always whole.
 TEST(SignalExit, LeavesTheLastEntryWholeWhileThreadsLog) {
+  const std::string END = "err: signal_handler: signal_number=";
+  const std::string SEGV = "err: signal_handler: Detected the 'Segmentation Fault' error";
   struct Row {
-    int sig;
+    int sig;  // sent once the threads are busy; 0: none
     void (*fault)();
     int runs;
     std::string entry;
   } rows[] = {
-      {SIGTERM, nullptr, 20, "err: signal_handler: signal_number=15, so app is terminated!\n"},
-      {0, segv, 1,
-       "err: signal_handler: Detected the 'Segmentation Fault' error, so app is terminated!\n"},
-      {0, abort, 1, "err: signal_handler: signal_number=6, so app is terminated!\n"}};
-  for (const Row& row : rows)
+      {.sig = SIGTERM, .fault = nullptr, .runs = 20, .entry = END + "15"},
+      {.sig = 0, .fault = segv, .runs = 1, .entry = SEGV},
+      {.sig = 0, .fault = abort, .runs = 1, .entry = END + "6"},
+  };
+  for (const Row& row : rows) {
     for (int run = 0; run < row.runs; ++run) {
       zt::TempRoot root;
       fflush(nullptr);
@@ -108,14 +117,20 @@ TEST(SignalExit, LeavesTheLastEntryWholeWhileThreadsLog) {
           }).detach();
         for (;;) pause();
       }
-      zt::KillOnExit guard(pid);
       if (row.sig != 0 && zt::wait_for_text(root.log_path(), "worker 2 entry 99\n", zt::WAIT_MS))
         kill(pid, row.sig);
       int status = -1;
-      EXPECT_TRUE(zt::wait_exit(pid, &status, zt::WAIT_MS) && WIFEXITED(status) &&
-                  WEXITSTATUS(status) == 0)
-          << status;
+      bool ended =
+          zt::wait_until([&] { return waitpid(pid, &status, WNOHANG) == pid; }, zt::WAIT_MS);
+      if (!ended) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+      }
+      EXPECT_TRUE(ended && WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
       std::string log = zt::without_time_text(zt::read_file(root.log_path()));
-      EXPECT_EQ(log.substr(log.rfind('\n', log.size() - 2) + 1), row.entry) << "run " << run;
+      EXPECT_EQ(log.substr(log.rfind('\n', log.size() - 2) + 1),
+                row.entry + ", so app is terminated!\n")
+          << "run " << run;
     }
+  }
 }

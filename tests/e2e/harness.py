@@ -4,7 +4,8 @@
 # file puts it there). Everything started is ended, also when a case fails;
 # a failing case prints what it got against what it expected, the daemon's
 # log and the modem's record.
-import contextlib, os, random, re, select, shutil, signal, socket, subprocess, sys, tempfile, time
+import collections, contextlib, os, random, re, select, shutil, signal, socket
+import subprocess, sys, tempfile, time
 
 WAIT = 20.0  # seconds; generous: qemu and the sanitizers are slow
 LAUNCHER = [w for w in os.environ.get('ZT_LAUNCHER', '').split('|') if w]
@@ -30,8 +31,8 @@ def wait_until(condition, timeout=WAIT):
 def read_until(f, want, timeout=WAIT):
     got, deadline = b'', time.monotonic() + timeout
     while want is None or want.encode('latin-1') not in got:
-        chunk = select.select([f], [], [], max(0, deadline - time.monotonic()))[0] and os.read(
-            f.fileno(), 4096)
+        ready = select.select([f], [], [], max(0, deadline - time.monotonic()))[0]
+        chunk = os.read(f.fileno(), 4096) if ready else b''
         if not chunk:
             break
         got += chunk
@@ -88,10 +89,7 @@ class Run(contextlib.AbstractContextManager):
             if zord is not None:
                 self.zord = self.start([ZORD] + zord, stdout=subprocess.DEVNULL)  # its traces
                 assert self.wait_log(STARTED), 'zord did not start'
-                # Seen in the kernel's table: a connection would be a client.
-                assert wait_until(lambda: any(
-                    r.split()[1].endswith(':%04X' % self.port) and r.split()[3] == '0A'
-                    for r in open('/proc/net/tcp').readlines()[1:])), 'zord does not listen'
+                assert wait_until(self.idle), 'zord does not listen'
             if sim and zord is not None:
                 assert self.wait_log('Registration stat is'), 'no registration query'
                 self.modem_since()
@@ -117,6 +115,11 @@ class Run(contextlib.AbstractContextManager):
             if p.isdigit() and entry in proc(p, 'environ').split(b'\0')
         ]
 
+    # Listening on the port, with no connection waiting to be accepted (seen
+    # in the kernel's table: a connection would be a client).
+    def idle(self):
+        return b':%04X 00000000:0000 0A 00000000:00000000' % self.port in proc('self', 'net/tcp')
+
     def start(self, argv, env=(), stdin=subprocess.DEVNULL, **pipes):
         return subprocess.Popen(LAUNCHER + argv, env={**self.env, **dict(env)}, stdin=stdin,
                                 **pipes)
@@ -139,8 +142,8 @@ class Run(contextlib.AbstractContextManager):
             assert reply.endswith('ok\n'), f'{line}: {reply}'
         return reply[:-3]
 
-    def modem_since(
-            self):  # what the modem received on the daemon's command connection since the last call
+    # What the modem received on the daemon's command connection since the last call.
+    def modem_since(self):
         got = self.modem('bytes 1')[:-1].encode('latin-1').decode('unicode_escape')
         fresh, self.seen = got[self.seen:], len(got)
         return fresh

@@ -5,8 +5,9 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
+
+#include <filesystem>
 
 #include "atserver/atsw_link.h"
 #include "atserver/result_writers.h"
@@ -24,9 +25,8 @@ class ModemFixture : public ::testing::Test {
     ASSERT_EQ(init_shared_ipc(), 0);
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, client_), 0);
     zorSrv_OutSocket = client_[0];
-    std::string dir = root_.path();  // where the LTE interface keeps its forwarding rules
-    for (const char* d : {"/sys", "/devices", "/virtual", "/net", "/lte0"})
-      mkdir((dir += d).c_str(), 0755);
+    // Where the LTE interface keeps its forwarding rules.
+    std::filesystem::create_directories(root_.path() + "/sys/devices/virtual/net/lte0");
     fresh_modem();
   }
   // A modem model fresh from its defaults, connected as the command link.

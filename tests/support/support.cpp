@@ -1,14 +1,10 @@
 #include "tests/support/support.h"
 
 #include <arpa/inet.h>
-#include <ftw.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -16,9 +12,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <regex>
-#include <sstream>
 #include <thread>
 
 namespace zt {
@@ -32,25 +29,20 @@ int ms_left(Clock::time_point deadline) {
   return left > 0 ? static_cast<int>(left) : 0;
 }
 
-int remove_entry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
-
 }  // namespace
 
 TempRoot::TempRoot() {
   char name[] = "/tmp/zordXXXXXX";
   if (mkdtemp(name) == nullptr) abort();
   path_ = name;
-  mkdir((path_ + "/tmp").c_str(), 0755);
-  mkdir((path_ + "/tmp/logs").c_str(), 0755);
+  std::filesystem::create_directories(path_ + "/tmp/logs");
 }
 
-TempRoot::~TempRoot() { nftw(path_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS); }
+TempRoot::~TempRoot() { std::filesystem::remove_all(path_); }
 
 std::string read_file(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  std::ostringstream out;
-  out << in.rdbuf();
-  return out.str();
+  return {std::istreambuf_iterator<char>(in), {}};
 }
 
 std::string without_time_text(const std::string& log) {
@@ -78,16 +70,6 @@ bool wait_until(const std::function<bool()>& condition, int timeout_ms) {
 
 bool wait_for_text(const std::string& path, const std::string& text, int timeout_ms) {
   return wait_until([&] { return read_file(path).find(text) != std::string::npos; }, timeout_ms);
-}
-
-bool wait_exit(pid_t pid, int* status, int timeout_ms) {
-  return wait_until([&] { return waitpid(pid, status, WNOHANG) == pid; }, timeout_ms);
-}
-
-KillOnExit::~KillOnExit() {
-  if (pid_ <= 0 || kill(pid_, 0) != 0) return;
-  kill(pid_, SIGKILL);
-  waitpid(pid_, nullptr, 0);
 }
 
 std::string read_available(int fd) {
@@ -145,21 +127,6 @@ int free_tcp_port() {
     if (free) return port;
   }
   return -1;
-}
-
-bool wait_listening(int port, int timeout_ms) {
-  return wait_until(
-      [&] {
-        std::istringstream table(read_file("/proc/net/tcp"));
-        for (std::string line; std::getline(table, line);) {
-          unsigned local_port = 0, state = 0;
-          if (sscanf(line.c_str(), " %*d: %*x:%x %*x:%*x %x", &local_port, &state) == 2 &&
-              local_port == static_cast<unsigned>(port) && state == 0x0A)
-            return true;
-        }
-        return false;
-      },
-      timeout_ms);
 }
 
 Client::Client(int port, const std::string& source) {

@@ -4,8 +4,6 @@
 // client, by design).
 #pragma once
 
-#include <sys/types.h>
-
 #include <functional>
 #include <string>
 
@@ -37,20 +35,6 @@ size_t count_of(const std::string& haystack, const std::string& text);
 // Waits until the condition holds; false when the time is up first.
 bool wait_until(const std::function<bool()>& condition, int timeout_ms);
 bool wait_for_text(const std::string& path, const std::string& text, int timeout_ms);
-// Waits for a child to end; false when it has not ended in time.
-bool wait_exit(pid_t pid, int* status, int timeout_ms);
-
-// Kills a forked child that a test leaves running (a failed assertion returns early).
-class KillOnExit {
- public:
-  explicit KillOnExit(pid_t pid) : pid_(pid) {}
-  ~KillOnExit();
-  KillOnExit(const KillOnExit&) = delete;
-  KillOnExit& operator=(const KillOnExit&) = delete;
-
- private:
-  pid_t pid_;
-};
 
 // What fd holds now, without waiting (for writers that are done when they return).
 std::string read_available(int fd);
@@ -62,8 +46,6 @@ bool read_until(int fd, const std::string& text, int timeout_ms, std::string* go
 int connect_unix(const std::string& path);
 // A TCP port below the ephemeral range that was free a moment ago.
 int free_tcp_port();
-// Waits until something listens on the TCP port (without connecting to it).
-bool wait_listening(int port, int timeout_ms);
 
 class Client {
  public:

@@ -4,144 +4,150 @@
 from harness import *  # from tests/e2e, on PYTHONPATH
 import json, pty
 
-GONE, TWIN, LATE, OK, ER = 'gone', 'twin', 'late', 'OK\r\n', 'ERROR\r\n'
-IMSI, CELL = '001019876543210', '3104101A2B1A2D101'
-ID = f'+CEVVMCMD:{IMSI},'
+GONE, LATE, OK, ER = 'gone', 'late', 'OK\r\n', 'ERROR\r\n'
+ON, Q, C = 'AT+CEVVMCMD=1\r\n', 'AT+CEVVMEV?\r\n', 'AT+CEVVMCMD?\r\n'
+IMSI, CELL, CME = '001019876543210', '3104101A2B1A2D101', '+CME ERROR: 4'
+ANSWER, ID = '+CEVVMCMD:1,A,FDD', f'+CEVVMCMD:{IMSI},'
+NO_ANSWER = 'no answer to AT+CEVVMCMD? within 300 ms\n'
 
 
 # A stand-in daemon for one run of zordctl: the n-th line it receives gets answers[n], each piece
-# (between bars) in a write of its own; None closes the connection instead, GONE the port and the
-# connection, TWIN connects another client from zordctl's address and closes; LATE answers once
-# zordctl has exited: the connection must stay open till then, and close after the answer. Else it
-# waits for zordctl to hang up. What it received, and zordctl's exit status, output and errors.
+# (between bars) in a write of its own; None closes the connection instead (as when another client
+# comes from zordctl's address, or ten are served), GONE the port and the connection; LATE answers
+# once zordctl has exited: the connection must stay open till then, and close after the answer.
+# Else it waits for zordctl to hang up. What it received, and zordctl's status, output and errors.
 def stand_in(run, args, answers):
     with socket.create_server(('127.0.0.1', 0)) as listener:
         p = run.start([ZORDCTL] + args, {'ZORD_PORT': str(listener.getsockname()[1])}, **PIPES)
         listener.settimeout(WAIT)
-        conn, received, twin, got = listener.accept()[0], '', None, None
+        conn, received = listener.accept()[0], ''
         with conn:
             for answer in answers:
                 received += read_until(conn, '\n')
-                if answer == TWIN:
-                    twin = socket.create_connection(listener.getsockname(), WAIT,
-                                                    (conn.getpeername()[0], 0))
                 if answer == GONE:
                     listener.close()
                 if answer == LATE:
-                    got = p.communicate(timeout=WAIT)  # its reader holds no pipe
+                    p.wait(WAIT)
                     assert not select.select([conn], [], [], 0)[0], 'closed before the late answer'
-                    conn.sendall(b'+CEVVMCMD:1,A,FDD\r\nOK\r\n')
-                    conn.settimeout(WAIT)
-                    eq(conn.recv(1), b'', 'closed without a reset once the late answer was read')
-                if answer in (None, GONE, TWIN, LATE):
+                    conn.sendall((ANSWER + '\r\n' + OK).encode())
+                    eq(read_until(conn, None), '', 'closed, without a reset, after the answer')
+                if answer in (None, GONE, LATE):
                     break
-                [conn.sendall(piece.encode()) for piece in answer.split('|')]
+                for piece in answer.split('|'):
+                    conn.sendall(piece.encode())
             else:
                 received += read_until(conn, None)
-        got = [b.decode() for b in got or p.communicate(timeout=WAIT)]
-        twin and twin.close()
-        return received, p.returncode, got[0], got[1]
+        out, err = p.communicate(timeout=WAIT)
+        return received, p.returncode, out.decode(), err.decode()
 
 
+# Each answer line by line on standard output; what went wrong, as far as it can tell, on
+# standard error (its start), with its exit status.
 def test_zordctl_reads_answers_line_by_line_and_maps_them_to_exit_statuses():
-    forms = 'the daemon takes only lines that begin with ATE, AT+CEVVMCMD or AT+CEVVMEV and closes'
+    Row = collections.namedtuple('Row', 'args answers sent status out err')
     rows = [
-        (['cell'], [OK, '\r\n+CEVVMEV:NU|LL,NULL\r\n'], 'AT+CEVVMEV?\r\n', 0,
-         '+CEVVMEV:NULL,NULL\n', ''),
-        (['identity'], ['\r\n' + OK, '\r\n+CEVVMCMD:1234,A,FDD\r\n|\r\n' + OK], 'AT+CEVVMCMD?\r\n',
-         0, '+CEVVMCMD:1234,A,FDD\n', ''),
-        (['send', 'ATI'], ['OK\n', '\r\nmodel 1\r\n\r\n' + OK], 'ATI\r\n', 0, 'model 1\nOK\n', ''),
+        Row(['cell'], [OK, '\r\n+CEVVMEV:NU|LL,NULL\r\n'], Q, 0, '+CEVVMEV:NULL,NULL\n', ''),
+        Row(['identity'], ['\r\n' + OK, f'\r\n{ANSWER}\r\n|\r\n{OK}'], C, 0, ANSWER + '\n', ''),
+        Row(['send', 'ATI'], ['OK\n', '\r\nM1\r\n\r\n' + OK], 'ATI\r\n', 0, 'M1\nOK\n', ''),
         # No final result: the information line is the whole answer.
-        (['send',
-          'AT+CEVVMEV?'], [OK, '+CEVVMEV:A,TDD\r\n'], 'AT+CEVVMEV?\r\n', 0, '+CEVVMEV:A,TDD\n', ''),
-        (['send', 'ATE1'], [OK, '+CME ERROR: 4\r\n'], 'ATE1\r\n', 4, '+CME ERROR: 4\n',
-         'zordctl: the daemon answered +CME ERROR: 4 to ATE1\n'),
-        (['cell'], [ER], '', 4, '', 'zordctl: the daemon answered ERROR to AT+CEVVMCMD=1\n'),
-        (['cell'], [OK, OK], 'AT+CEVVMEV?\r\n', 9, '',
-         'zordctl: the daemon answered AT+CEVVMEV? without a +CEVVMEV: line\n'),
-        (['watch'], [OK, GONE], 'AT+CEVVMEV=1\r\n', 5, '',
-         'zordctl: the daemon went away: it ended or was stopped, and nothing listens on port'),
-        (['identity'], [OK, TWIN], 'AT+CEVVMCMD?\r\n', 5, '',
-         "zordctl: the daemon closed the connection: another client connected from this one's"),
-        (['cell'], [None], '', 8, '',
-         'zordctl: the daemon closed the connection at once: it serves ten clients already\n'),
-        (['send', 'AT'], [OK, ER], 'AT\r\n', 4, 'ERROR\n',
-         'zordctl: the daemon answered ERROR to AT: ' + forms),
-        (['--timeout=300', 'identity'], [OK, LATE], 'AT+CEVVMCMD?\r\n', 6, '',
-         'zordctl: no answer to AT+CEVVMCMD? within 300 ms\n')
+        Row(['send', 'AT+CEVVMEV?'], [OK, '+CEVVMEV:A,TDD\r\n'], Q, 0, '+CEVVMEV:A,TDD\n', ''),
+        Row(['send', 'ATE1'], [OK, CME + '\r\n'], 'ATE1\r\n', 4, CME + '\n', f'{CME} to ATE1\n'),
+        Row(['send', 'AT'], [OK, ER], 'AT\r\n', 4, 'ERROR\n', 'ERROR to AT: the daemon takes only'),
+        Row(['cell'], [ER], '', 4, '', 'the daemon answered ERROR to AT+CEVVMCMD=1\n'),
+        Row(['cell'], [OK, OK], Q, 9, '', 'answered AT+CEVVMEV? without a +CEVVMEV: line\n'),
+        Row(['watch'], [OK, GONE], 'AT+CEVVMEV=1\r\n', 5, '', 'went away: it ended or was stopped'),
+        Row(['identity'], [OK, None], C, 5, '', "another client connected from this one's"),
+        Row(['cell'], [None], '', 8, '', 'closed the connection at once: it serves ten clients'),
+        Row(['--timeout=300', 'identity'], [OK, LATE], C, 6, '', NO_ANSWER),
     ]
     with Run() as run:
-        for args, answers, sent, status, out, err in rows:
-            received, *got = stand_in(run, args, answers)
-            eq((received, got[0], got[1]), ('AT+CEVVMCMD=1\r\n' + sent, status, out),
-               f'{args}: what the daemon received, exit status, standard output')
-            assert err in got[2] and (err or not got[2]), f'{args}: standard error {got[2]!r}'
+        for row in rows:
+            received, status, out, err = stand_in(run, row.args, row.answers)
+            eq((received, status, out), (ON + row.sent, row.status, row.out), row.args)
+            assert row.err in err and bool(err) == bool(row.err), f'{row.args}: {err!r}'
 
 
 # zordctl check against the stand-in: the lines of the probe in order, the exit status and the
-# one line it prints (its start; a dict: the JSON object, less the time).
+# one line it prints (its start; a dict: the JSON object, less the time), never the IMSI.
 def test_zordctl_check_names_what_it_found_in_one_line_and_its_exit_status():
-    probe = ['AT+CEVVMCMD=1\r\n', 'AT+CEVVMCMD?\r\n', 'AT+CEVVMEV?\r\n']
+    Row = collections.namedtuple('Row', 'args answers status line')
     parts = {'cell': CELL, 'plmn': '310410', 'tac': '1A2B', 'cell_id': '1A2D101', 'duplex': 'FDD'}
     junk = 'x"\\\x01\x7f'
-    rows = [([], [OK, ID + CELL + ',FDD\r\n|' + OK], 0, f'serving: registered on {CELL}, FDD\n'),
-            ([], [OK, ID + 'NULL,NULL\r\n' + OK], 0, 'serving: not registered\n'),
-            ([], [OK, ER, '+CEVVMEV:NULL,NULL\r\n'], 7, 'no-modem: the daemon reaches no AT'),
-            ([], [OK, ER, ER], 4, 'modem-error: the modem answers but gives no IMSI, operator'),
-            ([], [OK, ER, '+CEVVMEV:NULL\r\n'], 9, 'wrong-answer: the daemon answered +CEVVMEV:'),
-            ([], [OK, OK], 9, 'wrong-answer: the daemon answered OK to AT+CEVVMCMD?\n'),
-            ([], [OK, ID + 'NULL\r\n' + OK], 9, "wrong-answer: the daemon's answer to AT+CEVVMCMD"),
-            (['--timeout=300'], [OK, LATE], 6, 'no-answer: no answer to AT+CEVVMCMD? within 300'),
-            (['--json'], [OK, ID + CELL + ',FDD\r\n' + OK], 0,
-             dict(parts, result='serving', status=0, registered=True)),
-            (['--json'], [OK, junk + '\r\n' + OK], 9, {
-                'result': 'wrong-answer', 'status': 9,
-                'message': f'the daemon answered {junk} to AT+CEVVMCMD?'
-            })]
+    said = f'the daemon answered {junk} to AT+CEVVMCMD?'
+    serving = dict(parts, result='serving', status=0, registered=True)
+    wrong = dict(result='wrong-answer', status=9, message=said)
+    rows = [
+        Row([], [OK, ID + CELL + ',FDD\r\n|' + OK], 0, f'serving: registered on {CELL}, FDD\n'),
+        Row([], [OK, ID + 'NULL,NULL\r\n' + OK], 0, 'serving: not registered\n'),
+        Row([], [OK, ER, '+CEVVMEV:NULL,NULL\r\n'], 7, 'no-modem: the daemon reaches no AT'),
+        Row([], [OK, ER, ER], 4, 'modem-error: the modem answers but gives no IMSI, operator'),
+        Row([], [OK, ER, '+CEVVMEV:NULL\r\n'], 9, 'wrong-answer: the daemon answered +CEVVMEV:'),
+        Row([], [OK, OK], 9, 'wrong-answer: the daemon answered OK to AT+CEVVMCMD?\n'),
+        Row([], [OK, ID + 'NULL\r\n' + OK], 9, "wrong-answer: the daemon's answer to AT+CEVVMCMD"),
+        Row(['--timeout=300'], [OK, LATE], 6, 'no-answer: ' + NO_ANSWER),
+        Row(['--json'], [OK, ID + CELL + ',FDD\r\n' + OK], 0, serving),
+        Row(['--json'], [OK, junk + '\r\n' + OK], 9, wrong),
+    ]
     with Run() as run:
-        for args, answers, status, want in rows:
-            received, *got = stand_in(run, args + ['check'], answers)
-            line = json.loads(got[1]) if isinstance(want, dict) else got[1][:len(want)]
-            isinstance(want, dict) and line.pop('time')
-            eq((received, got[0], line, got[1].count('\n'), got[2]),
-               (''.join(probe[:len(answers)]), status, want, 1, ''), f'check {answers}')
-            assert IMSI not in got[1], 'check shows no IMSI'
+        for row in rows:
+            received, status, out, err = stand_in(run, row.args + ['check'], row.answers)
+            line = out[:len(row.line)]
+            if isinstance(row.line, dict):
+                line = json.loads(out)
+                del line['time']
+            eq((received, status, line, out.count('\n'), err),
+               (''.join([ON, C, Q][:len(row.answers)]), row.status, row.line, 1, ''), row.answers)
+            assert IMSI not in out, 'check shows no IMSI'
 
 
-def test_tools_on_one_host_keep_each_other_and_speak_json():
-    cell = {
-        'cell': '26201ABCD0BEEF01', 'plmn': '26201', 'tac': 'ABCD', 'cell_id': '0BEEF01',
-        'duplex': 'TDD'
-    }
+# A bad command line: status 2, and the reason with the usage on standard error.
+def test_zordctl_refuses_a_bad_command_line_with_its_usage():
+    rows = [
+        ([], {}, 'no command given'),
+        (['status'], {}, 'unknown command: status'),
+        (['cell'], {'ZORD_PORT': '66x'}, 'ZORD_PORT must be a port number from 1 to 65535: 66x'),
+        (['--timeout', '-5', 'cell'], {}, '--timeout must be a number of milliseconds from 1 to'),
+        (['--host', 'localhost', 'cell'], {}, '--host must be an IPv4 address: localhost'),
+        (['send', 'AT' + 'E' * 125], {}, 'the LINE to send is longer than 126 characters'),
+    ]
+    with Run() as run:
+        for args, env, reason in rows:
+            status, out, err = run_program(run, [ZORDCTL] + args, env)
+            usage = re.fullmatch(f'zordctl: {re.escape(reason)}.*\nusage: zordctl .*', err, re.S)
+            assert (status, out) == (2, '') and usage, f'{args}: {status} {out} {err}'
+
+
+# Beside the real daemon: a watcher (the first client, whose address is the one that counts)
+# stays connected while other runs ask, and each speaks JSON.
+def test_zordctl_runs_beside_a_watcher_and_speaks_json():
+    cell = dict(cell='26201ABCD0BEEF01', plmn='26201', tac='ABCD', cell_id='0BEEF01', duplex='TDD')
     with Run(zord=[], sim=True) as road:
-        watch = road.start([ZORDCTL, 'watch', '--json'],
-                           **PIPES)  # the first client: its address is the one that counts
+        watch = road.start([ZORDCTL, 'watch', '--json'], **PIPES)
         read_until(watch.stderr, 'watching')
-        road.modem('plmn 26201', 'duplex TDD',
-                   'cell ABCD 00BEEF01')  # a new cell: an event for the watcher
-        for args, want in [(None, dict(cell, changed=0)), (['--json', 'cell'], cell),
-                           (['identity', '--json'], dict(cell, imsi='310410123456789'))]:
-            got = json.loads(
-                run_program(road, [ZORDCTL] + args)[1] if args else read_until(watch.stdout, '}\n'))
-            eq((got.pop('time')[:2], got), ('20', want), args or 'what the watcher heard')
+        road.modem('plmn 26201', 'duplex TDD', 'cell ABCD 00BEEF01')  # an event for the watcher
+        heard = json.loads(read_until(watch.stdout, '}\n'))
+        cell_json = json.loads(run_program(road, [ZORDCTL, '--json', 'cell'])[1])
+        identity = json.loads(run_program(road, [ZORDCTL, 'identity', '--json'])[1])
+        for got in heard, cell_json, identity:
+            eq(got.pop('time')[:2], '20', 'the year')
+        eq((heard, cell_json, identity),
+           (dict(cell, changed=0), cell, dict(cell, imsi='310410123456789')), 'JSON')
         eq(watch.poll(), None, 'the watcher is still connected')
-        # The simulator's control mode; a simulator started in the background of a shell.
-        eq([run_program(road, [SIM, 'ctl'] + c.split()) for c in ('cell 1A2B', 'quote on')],
-           [(1, 'error: cell takes TAC CI\n', ''), (0, 'ok\n', '')], 'atsw-sim ctl')
+
+
+# Started in the background of an interactive shell, atsw-sim goes on and takes controls: its first
+# read of the terminal fails (it used to stop the process), and it says so.
+def test_atsw_sim_in_the_background_of_a_shell_goes_on_and_takes_controls():
     with Run() as shell:
         pid, tty = pty.fork()
         if pid == 0:
             os.execvpe('bash', ['bash', '--norc', '-i'], shell.env)
         os.write(tty, ' '.join(LAUNCHER + [SIM, '&\n']).encode())
-        # Its first read of the terminal fails (it used to stop the process), and it says so.
-        terminal = os.fdopen(tty, 'rb',
-                             0)  # kept open: closing it would hang the shell up, and its jobs
+        terminal = os.fdopen(tty, 'rb', 0)  # kept open: closing it hangs the shell and its jobs up
         assert 'not reading the terminal' in read_until(terminal, 'not reading the terminal')
-        states = [
-            proc(p, 'stat').split(b') ')[1][:1] for p in shell.rooted()
-            if SIM.encode() in proc(p, 'cmdline')
-        ]
-        eq((len(states), b'T' in states), (1, False), f'atsw-sim in the background: {states}')
+        eq(run_program(shell, [SIM, 'ctl', 'cell', '1A2B']), (1, 'error: cell takes TAC CI\n', ''),
+           'a bad control')
+        eq(run_program(shell, [SIM, 'ctl', 'quote', 'on']), (0, 'ok\n', ''), 'a control')
 
 
 globals()[sys.argv[1]]()  # the case named on the command line
