@@ -178,3 +178,14 @@ TEST_F(Embms, UnsolThreadSignalsRegistrationChangesToSubscribers) {
   const std::string entry = "ThreadMain: error reading from at switch " + root_.path();
   EXPECT_EQ(zt::count_of(log(), entry + "/tmp/atsw12\n"), 1u);
 }
+
+// A report line ends at its CR or LF, or at the bound; a stream that ends
+// before a line end is an error.
+TEST_F(Embms, UnsolReadLineStopsAtALineEndOrAtItsBound) {
+  ASSERT_EQ(write(client_[1], "+CEREG: 1\rABC", 13), 13);
+  close(client_[1]);
+  char buf[8];
+  EXPECT_TRUE(zorUnsol_ReadLine(client_[0], buf, 5) == 5 && std::string(buf, 5) == "+CERE");
+  EXPECT_TRUE(zorUnsol_ReadLine(client_[0], buf, 8) == 5 && std::string(buf, 5) == "G: 1\r");
+  EXPECT_EQ(zorUnsol_ReadLine(client_[0], buf, 8), -1);
+}
