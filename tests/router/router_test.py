@@ -229,7 +229,6 @@ def test_the_service_script_gives_procd_an_instance_per_duty():
         Row({'check_interval': '0', 'log_max_kb': '0'}, [SERVICE], ''),
         Row({'log_max_kb': '64'}, [SERVICE, DOG, LOG.replace('4096', '64')], ''),
         Row({'check_failures': 'x'}, every, WHOLE % ("check_failures 'x'", 3)),
-        Row({'check_timeout': '0'}, every, WHOLE % ("check_timeout '0'", 10000)),
         Row({'enabled': '0'}, [], ''),
     ]
     for row in rows:

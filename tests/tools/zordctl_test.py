@@ -2,7 +2,7 @@
 # silence; and beside the real daemon and the simulator as people use them
 # on one host. More runs with the real daemon are in the end-to-end cases.
 from harness import *  # from tests/e2e, on PYTHONPATH
-import json, pty
+import json
 
 GONE, LATE, OK, ER = 'gone', 'late', 'OK\r\n', 'ERROR\r\n'
 ON, Q, C = 'AT+CEVVMCMD=1\r\n', 'AT+CEVVMEV?\r\n', 'AT+CEVVMCMD?\r\n'
@@ -133,21 +133,6 @@ def test_zordctl_runs_beside_a_watcher_and_speaks_json():
         eq((heard, cell_json, identity),
            (dict(cell, changed=0), cell, dict(cell, imsi='310410123456789')), 'JSON')
         eq(watch.poll(), None, 'the watcher is still connected')
-
-
-# Started in the background of an interactive shell, atsw-sim goes on and takes controls: its first
-# read of the terminal fails (it used to stop the process), and it says so.
-def test_atsw_sim_in_the_background_of_a_shell_goes_on_and_takes_controls():
-    with Run() as shell:
-        pid, tty = pty.fork()
-        if pid == 0:
-            os.execvpe('bash', ['bash', '--norc', '-i'], shell.env)
-        os.write(tty, ' '.join(LAUNCHER + [SIM, '&\n']).encode())
-        terminal = os.fdopen(tty, 'rb', 0)  # kept open: closing it hangs the shell and its jobs up
-        assert 'not reading the terminal' in read_until(terminal, 'not reading the terminal')
-        eq(run_program(shell, [SIM, 'ctl', 'cell', '1A2B']), (1, 'error: cell takes TAC CI\n', ''),
-           'a bad control')
-        eq(run_program(shell, [SIM, 'ctl', 'quote', 'on']), (0, 'ok\n', ''), 'a control')
 
 
 globals()[sys.argv[1]]()  # the case named on the command line
