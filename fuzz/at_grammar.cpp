@@ -17,17 +17,18 @@ static void answer_every_command() {
 }
 
 // Once: the shared state, the connections, the parser's and the modem's threads.
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
+static bool start() {
   fz::init();
   yyin_socket = in[0];
   zorSrv_OutSocket = out[0];
   cmd_atsw_fd = modem[0];
   std::thread(yyparse).detach();
   std::thread(answer_every_command).detach();
-  return 0;
+  return true;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  [[maybe_unused]] static const bool started = start();
   if (!fz::small({reinterpret_cast<const char*>(data), size}))
     return 0;  // and a token fits the scanner's buffer
   // The line ends finish any line and leave the scanner at the start of a

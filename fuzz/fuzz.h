@@ -41,8 +41,8 @@ extern "C" int usleep(useconds_t) { return 0; }
 // per command (the address check then skips both families).
 extern "C" FILE* popen(const char*, const char*) { return nullptr; }
 
-// Each target starts its threads and connections once, in LLVMFuzzerInitialize.
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
+// Each target starts its threads and connections at its first input, once
+// libFuzzer has set itself up (its signal handlers, its descriptors).
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 namespace fz {
@@ -91,12 +91,9 @@ inline void put(int fd, std::string_view b) {
 // socket); with want 0, what is there now.
 inline std::string take(int fd, size_t want = 0) {
   std::string got, buf(65536, '\0');
-  while (want == 0 || got.size() < want) {
-    ssize_t n = recv(fd, buf.data(), buf.size(), want != 0 ? 0 : MSG_DONTWAIT);
-    if (n <= 0) break;
-    got.append(buf, 0, static_cast<size_t>(n));
-  }
-  check(got.size() >= want);
+  for (ssize_t n; (!want || got.size() < want) &&
+                  (n = recv(fd, buf.data(), buf.size(), want ? 0 : MSG_DONTWAIT)) >= 0;)
+    check(n > 0 || !want), got.append(buf, 0, static_cast<size_t>(n));
   return got;
 }
 
@@ -130,8 +127,7 @@ inline void made_of(std::string_view bytes, std::initializer_list<std::string_vi
 
 #ifndef ZORD_FUZZ
 // Without libFuzzer, each target is a program that feeds itself the one file named.
-int main(int argc, char** argv) {
-  LLVMFuzzerInitialize(&argc, &argv);
+int main(int, char** argv) {
   std::ifstream file(argv[1], std::ios::binary);
   std::string bytes{std::istreambuf_iterator<char>(file), {}};
   return LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());

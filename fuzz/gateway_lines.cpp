@@ -15,17 +15,17 @@ static const std::string RESULTS[] = {"\r\nOK\r\n", "\r\nERROR\r\n", "CME ERROR"
 // can send: nothing may arrive there.
 static const std::array<int, 2> zero = fz::pair();
 
-static int server = -1;  // the command server's end of the dispatcher's connection
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
+// Once: the dispatcher thread, connected to this harness as its command
+// server; returns the harness's end of that connection.
+static int start() {
   int listener = fz::init("zor-vvm_at_prs_srv");
   std::thread(run_at_q_thread, nullptr).detach();
   fz::check(dup2(zero[0], 0) == 0);
-  server = accept(listener, nullptr, nullptr);
-  return 0;
+  return accept(listener, nullptr, nullptr);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static const int server = start();
   if (size > 4096 || memmem(data, size, "OK\r", 3) || memmem(data, size, "ERROR", 5) ||
       memmem(data, size, "SYNC", 4))
     return 0;

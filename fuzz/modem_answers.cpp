@@ -6,17 +6,17 @@
 
 static const std::array<int, 2> out = fz::pair();
 
-static int reports_listener = -1;  // the switch's unsolicited socket
-
-// Once: the socket to listen on, the answers' connection, a subscriber.
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  reports_listener = fz::init("atsw12");
+// Once: the switch's unsolicited socket to listen on (returned), the
+// answers' connection, a subscriber.
+static int start() {
+  int listener = fz::init("atsw12");
   zorSrv_OutSocket = out[0];
   childs[0].unsol_enabled = 1;
-  return 0;
+  return listener;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static const int reports_listener = start();
   auto parts = fz::split({reinterpret_cast<const char*>(data), size}, '\0');
   if (size > 4096 || !fz::small(parts[0])) return 0;
   std::thread reader(zorUnsol_ThreadMain, nullptr);
