@@ -1,6 +1,7 @@
-# The built daemon as a process: the station time-out its client threads
-# log, how each signal ends it, daemon mode; the command lines and
-# development seams that zord refuses; and what hostile clients leave of it.
+# The built daemon as a process: its start-up entries, the station time-out
+# its client threads log, how each signal ends it, daemon mode; the command
+# lines and development seams that zord refuses; and what hostile clients
+# leave of it.
 from harness import *
 
 END = 'err: signal_handler: signal_number=%d, so app is terminated!\n'
@@ -19,6 +20,17 @@ ON, Q, EV = 'AT+CEVVMCMD=1\r\n', 'AT+CEVVMEV?\r\n', '+CEVVMEV:3104101A2B1A2D101,
 DONE = '=== at_cmd_q_entry_rd_index'  # an answer written
 WEB = b'GET / HTTP/1.1\r\nHost: zord\r\n\r\n'
 BIG = b'AT+CEVVMEV?' + b'X' * 102387 + b'\r\n'  # 100 KB
+
+
+# The start-up entries: main's in their order, the threads' own before or after main's last.
+def test_start_up_entries_come_in_order():
+    with Run(zord=[]) as run:
+        order = f'main entry\n(.*\n)*STARTING ZOR Daemon compile time (.*\n)*{STARTED}'
+        assert re.match(order, run.log()), 'the order of main\'s entries'
+        threads = ('AtThreadMain entry\n', 'zor_StartServer entry\n',
+                   'Create and wait for AT command thread listener start\n')
+        for entry in threads:
+            assert run.wait_log(entry), entry
 
 
 # The station time-out that a client's thread logs: the last -t, the default for a negative
