@@ -1,85 +1,213 @@
-# zord as a router runs it: under procd (a stand-in) beside the watchdog,
-# with the rpcd plugin, the service script and the hotplug script, all run
-# by busybox ash with stand-ins for procd, ubus and logger (standins/).
+# zord as a router runs it, on OpenWrt's own userland (openwrt.py): the
+# package's service under the real procd, its watchdog restarting zord
+# through `ubus call service signal`, its status through rpcd, its hotplug
+# script through procd's dispatch and hotplug-call with the real
+# network.sh, and what it says in logd's log. atsw-sim plays the AT switch.
 from harness import *  # from tests/e2e, on PYTHONPATH
 import collections, json
+import router as openwrt  # tools/openwrt
 
-BUSYBOX = shutil.which('busybox') or sys.exit('busybox is needed: apt-get install busybox')
-HERE = os.path.dirname(os.path.abspath(__file__))
-FILES, STANDINS = HERE + '/../../packaging/openwrt/zord/files', HERE + '/standins'
+ROOT = os.environ['ZT_ROUTER_ROOT']
+
 # Seconds, not minutes: a probe every 2 s that may take 2 s, a restart after
-# two failures in a row, and none held back.
-CHECK = ['check', '--interval', '2', '--failures', '2', '--timeout', '2000']
-CHECK += ['--restart-interval', '0']
-# Interval x failures + time-out; and up to a second of the watchdog's sleep
-# to a whole second, and one for starting the probes under an emulator.
-NOTICED = 2 * 2 + 2 + 1 + 1
+# two failures in a row, none held back, and zord started at once.
+SHORT = dict(switch_wait=0, check_interval=2, check_failures=2, check_timeout=2000,
+             restart_interval=0)
+# Interval x failures + time-out, and up to a second of the watchdog's
+# sleep to a whole second; procd starts zord again 5 s after it ended.
+NOTICED, RESPAWN = 2 * 2 + 2 + 1, 5
 DONE, EV = '=== at_cmd_q_entry_rd_index', '+CEVVMEV:3104101A2B1A2D101,FDD\r\n'
+RPCD_LOGIN = '''config login
+	option username 'status'
+	option password '$1$zordtest$xn.nDBn2qZCyN7O7MPtXu.'
+	list read 'zord'
+'''  # the password: status
 
 
-def sh(script, args, env, stdin=''):  # busybox ash runs one of the package's scripts
-    p = subprocess.run([BUSYBOX, 'sh', f'{FILES}/{script}'] + args, input=stdin, env=env,
-                       capture_output=True, text=True, timeout=WAIT)
-    return p.returncode, p.stdout, p.stderr
+def config(**options):
+    return "config zord 'main'\n" + ''.join(f"\toption {k} '{v}'\n" for k, v in options.items())
 
 
-def read(path):  # a file's text, empty when there is none
-    return open(path).read() if os.path.exists(path) else ''
+# A booted router with the package installed and, unless sim=False, the
+# simulated switch; zord's service enabled and started with `options`.
+class Zord(openwrt.Router):
 
-
-# zord under the stand-in procd, which starts it again a second after it
-# ends; the simulator beside it (or not), and the watchdog. `hold_port`: a
-# socket listens on the client port while zord starts, as another program would.
-class Router(Run):
-
-    def __init__(self, watchdog=CHECK, sim=True, hold_port=False):
-        super().__init__(sim=sim)
+    def __init__(self, sim=True, start=True, files=(), **options):
+        super().__init__(ROOT, files={'/etc/config/zord': config(**options), **dict(files)})
         try:
-            for folder in ('/var/run', '/bin'):
-                os.makedirs(self.root + folder)
-            with open(self.root + '/bin/zordctl', 'w') as f:  # zordctl as the watchdog finds it
-                f.write('#!/bin/sh\nexec %s "$@"\n' % ' '.join(LAUNCHER + [ZORDCTL]))
-            os.chmod(self.root + '/bin/zordctl', 0o755)
-            self.env['PATH'] = ':'.join([self.root + '/bin', STANDINS, self.env['PATH']])
-            self.holder = hold_port and socket.create_server(('', self.port))
-            pidfile = self.root + '/var/run/zord.pid'
-            self.host([BUSYBOX, 'sh', STANDINS + '/procd', pidfile] + LAUNCHER + [ZORD])
-            assert self.wait_log(STARTED), 'no zord'
+            self.sim = sim and self.start(['/usr/bin/atsw-sim'], stdin=subprocess.PIPE,
+                                          stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
             if sim:
-                assert self.wait_log('Registration stat is'), 'no registration query'
-                self.modem_since()
-            self.host([BUSYBOX, 'sh', FILES + '/zord.watchdog'] + watchdog)
+                self.modem('quote off')
+            if start:
+                self.ok('/etc/init.d/zord enable && /etc/init.d/zord start')
+                assert self.wait(lambda: self.pid()), 'no zord'
+            if start and sim:  # a query while zord first asks the modem would wedge it
+                assert self.wait(lambda: 'Registration stat is' in self.log()), 'no registration'
         except BaseException:
             self.__exit__(*sys.exc_info())
             raise
 
-    def host(self, argv):  # a program of this machine's, not of the build's target
-        return subprocess.Popen(argv, env=self.env, stdin=subprocess.DEVNULL)
+    def path(self, path):  # a file of the router's, as this machine sees it
+        return f'/proc/{self.init}/root{path}'
 
-    def pid(self):
-        return read(self.root + '/var/run/zord.pid').strip()
+    def modem(self, line):  # a control command for the switch; its reply
+        os.write(self.sim.stdin.fileno(), line.encode() + b'\n')
+        return read_until(self.sim.stdout, 'ok\n')
 
-    def syslog(self):  # what the watchdog said there (zord's standard error goes there too)
-        return ''.join(l for l in read(self.root + '/syslog').splitlines(True) if 'watchdog:' in l)
+    def pid(self):  # zord's process, once the start wrapper has become zord
+        pid = self.read('/var/run/zord.pid').strip()
+        return pid if pid and self.read(f'/proc/{pid}/comm') == 'zord\n' else ''
 
-    def status(self):  # as rpcd asks the plugin for `ubus call zord status`
-        return json.loads(sh('zord.rpcd', ['call', 'status'], self.env, '{}')[1])
+    def instances(self):  # procd's instances of the service: {name: (pid, command)}
+        listed = json.loads(self.ok("ubus call service list '{\"name\":\"zord\"}'") or '{}')
+        found = listed.get('zord', {}).get('instances', {})
+        return {k: (v.get('pid'), ' '.join(v['command'])) for k, v in found.items()}
 
-    def answers(self):  # a query is answered, in time
-        return run_program(self, [ZORDCTL, '--timeout', '2000', 'cell'])[0] == 0
+    def syslog(self, word='zord'):  # logd's lines with `word`, without their time
+        lines = self.ok('logread').splitlines()
+        return [l[25:] for l in lines if word in l and 'procd:' not in l]
+
+    def said(self, text):  # the watchdog's lines with `text`
+        return [l for l in self.syslog('watchdog:') if text in l]
+
+    def status(self):  # as a client of rpcd asks for it
+        return json.loads(self.ok('ubus call zord status'))
+
+    def answers(self):
+        return self.sh('zordctl --timeout 2000 cell')[0] == 0
+
+    def log(self):
+        return read(self.path('/tmp/logs/zord-vvm-app.log'))
+
+    # A client from a loopback address of its own (a new connection from the
+    # address of the client in the first slot drops that client); enabled
+    # unless `enable` is False.
+    def client(self, source=None, enable=True):
+        self.sources = getattr(self, 'sources', iter(range(2, 250)))
+        source = source or f'127.0.0.{next(self.sources)}'
+        client = socket.create_connection(('127.0.0.1', 6666), WAIT, (source, 0))
+        if enable:
+            expect(client, 'AT+CEVVMCMD=1\r\n', 'OK\r\n', 'enabling')
+        return client
+
+
+def read(path):  # a file's text, empty when there is none
+    with contextlib.suppress(OSError), open(path, encoding='latin-1', newline='') as f:
+        return f.read()
+    return ''
+
+
+def test_lifecycle_under_procd():
+    step = lambda text: print('lifecycle:', text, flush=True)
+    with Zord(start=False, **SHORT) as r:
+        r.ok('/etc/init.d/zord enable')
+        eq(r.ok('ls /etc/rc.d | grep zord').split(), ['K05zord', 'S95zord'], 'enable')
+        step('enabled: /etc/rc.d/S95zord and K05zord')
+        r.ok('/etc/init.d/zord start')
+        assert r.wait(r.pid), 'no zord'
+        eq(sorted(r.instances()), ['log', 'watchdog', 'zord'], 'instances')
+        step('started: procd runs the instances log, watchdog and zord')
+        eq(r.read(f'/proc/{r.pid()}/cmdline'), '/usr/sbin/zord\0', 'the pidfile')
+        step(f'the pidfile names zord ({r.pid()})')
+        assert r.wait(lambda: r.status()['check'] and r.status()['check']['result'] == 'serving')
+        step(f"ubus call zord status: {r.ok('ubus call zord status').split()[:3]}...")
+        first = r.pid()
+        r.ok(f'kill -9 {first}')
+        assert r.wait(lambda: r.pid() not in ('', first) and r.answers()), 'not respawned'
+        step(f'killed: procd started zord again ({first} -> {r.pid()}), and it answers')
+        before = r.instances()
+        r.ok('uci set zord.main.check_interval=30 && uci commit zord && reload_config')
+        assert r.wait(lambda: r.instances()['watchdog'] != before['watchdog']), 'no reload'
+        after = r.instances()
+        eq((after['zord'], after['log']), (before['zord'], before['log']), 'kept by a reload')
+        assert '--interval 30' in after['watchdog'][1], after
+        step('uci commit + reload_config: a new watchdog; zord and the log duty kept')
+        r.ok('/etc/init.d/zord stop')
+        assert r.wait(lambda: not r.instances()), 'still running'
+        eq([p for p in r.ok('ps').splitlines() if re.search(r'zord|sleep', p)], [], 'left over')
+        step('stopped: no instance, and no process of them left behind')
+
+
+# What goes to logd, with its facility, level and tag: zord's standard
+# error (without a switch it cannot connect), the init script's word on an
+# option, and the watchdog's.
+def test_system_log_lines_tags_and_facilities():
+    with Zord(sim=False, **dict(SHORT, check_failures='x')) as r:
+        zord = r.pid()
+        Row = collections.namedtuple('Row', 'line')
+        rows = [
+            Row(f'daemon.err zord[{zord}]: connect: Connection refused'),  # no switch configured
+            Row("daemon.warn zord: check_failures 'x' is not and(uinteger,min(1)); using 3"),
+            Row("daemon.notice zord: watchdog: zord reaches no AT switch, and the switch's sockets"
+                ' are not there; waiting for them'),
+        ]
+        for row in rows:
+            assert r.wait(lambda: row.line in r.syslog()), (row.line, r.syslog())
+
+
+def test_the_service_gives_procd_an_instance_per_duty():
+    zord = '/usr/libexec/zord/zord --wait 60 /usr/sbin/zord'
+    dog = ('/usr/libexec/zord-watchdog check --interval 30 --failures 3 --timeout 10000'
+           ' --restart-interval 300')
+    log = '/usr/libexec/zord-watchdog log --max-kb 4096'
+    Row = collections.namedtuple('Row', 'options commands')
+    rows = [
+        Row({}, {'zord': zord, 'watchdog': dog, 'log': log}),
+        Row({'station_timeout': '60000'},
+            {'zord': zord + ' -t 60000', 'watchdog': dog, 'log': log}),
+        Row({'station_timeout': '25m'}, {'zord': zord, 'watchdog': dog, 'log': log}),
+        Row({'check_interval': '0', 'log_max_kb': '0'}, {'zord': zord}),
+        Row({'enabled': '0'}, {}),
+    ]
+    with Zord(sim=False, start=False) as r:
+        for row in rows:
+            r.ok(
+                f"printf %s '{config(**row.options)}' >/etc/config/zord && /etc/init.d/zord restart"
+            )
+            eq({k: v[1] for k, v in r.instances().items()}, row.commands, row.options)
+
+
+# The ACL lets a limited rpcd login read zord's status and nothing else.
+def test_status_through_rpcd_and_its_acl():
+    with Zord(files={'/etc/config/rpcd': RPCD_LOGIN}, **SHORT) as r:
+        assert r.wait(lambda: r.status()['check']), 'no probe'
+        status = r.status()
+        eq((status['check']['result'], status['restarts'], status['system_log']),
+           ('serving', 0, True), status)
+        login = json.loads(
+            r.ok('ubus call session login \'{"username":"status",'
+                 '"password":"status"}\''))['ubus_rpc_session']
+        for scope, obj, function, allowed in [('ubus', 'zord', 'status', True),
+                                              ('ubus', 'service', 'list', False),
+                                              ('ubus', 'file', 'read', False)]:
+            asked = json.dumps(
+                dict(ubus_rpc_session=login, scope=scope, object=obj, function=function))
+            eq(
+                json.loads(r.ok(f"ubus call session access '{asked}'"))['access'], allowed,
+                (obj, function))
+
+
+def test_status_says_when_logd_is_not_there():
+    with Zord(**SHORT) as r:
+        r.ok('/etc/init.d/log stop')
+        assert r.wait(lambda: not r.status()['system_log']), 'system_log still true'
+        r.ok('/etc/init.d/log start')
+        assert r.wait(lambda: r.status()['system_log']), 'system_log false with logd'
 
 
 # The wedges. A modem that goes silent while it has a command: answering
 # again later changes nothing.
 def silent_modem(r):
     r.modem('silent on')
-    r.clients(1)[0].sendall(b'AT+CEVVMEV?\r\n')
-    assert wait_until(lambda: r.modem_since()), 'nothing reached the modem'
+    r.client().sendall(b'AT+CEVVMEV?\r\n')
+    time.sleep(0.5)
     r.modem('silent off')
 
 
 def two_lines_in_one_segment(r):
-    r.clients(1)[0].sendall(b'AT+CEVVMEV?\r\nAT+CEVVMEV?\r\n')
+    r.keep = r.client()
+    r.keep.sendall(b'AT+CEVVMEV?\r\nAT+CEVVMEV?\r\n')
 
 
 # With a small window, large answers soon fill what the daemon may send. A
@@ -89,7 +217,7 @@ def client_stops_reading(r):
     r.keep = socket.socket()
     r.keep.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 2048)
     r.keep.bind(('127.0.0.77', 0))
-    r.keep.connect(('127.0.0.1', r.port))
+    r.keep.connect(('127.0.0.1', 6666))
     expect(r.keep, 'AT+CEVVMCMD=1\r\n', 'OK\r\n', 'enabling')
     base = r.log().count(DONE)
     for sent in range(100):
@@ -100,27 +228,22 @@ def client_stops_reading(r):
 
 
 def ten_idle_connections(r):
-    sources = [(f'127.0.1.{i}', 0) for i in range(10)]
-    r.keep = [socket.create_connection(('127.0.0.1', r.port), WAIT, s) for s in sources]
-
-
-def port_freed(r):  # the program that held the port while zord started has gone
-    r.holder.close()
+    r.keep = [r.client(f'127.0.1.{i}', enable=False) for i in range(10)]
 
 
 # The wedge begins; the watchdog names it in the system log within its
-# bound, zord is started again and answers, and the status on the bus says so.
-def restarted(wedge, cause, **router):
-    with Router(**router) as r:
+# bound, procd starts zord again and it answers, and the status says so.
+def restarted(wedge, cause):
+    with Zord(**SHORT) as r:
+        assert r.wait(r.answers), 'no answer'
         first, began = r.pid(), time.monotonic()
         wedge(r)
-        assert wait_until(lambda: 'restarting zord' in r.syslog(), 2 * NOTICED), 'no restart'
+        assert r.wait(lambda: r.said('restarting zord'), 2 * NOTICED), 'no restart'
         took = time.monotonic() - began
-        said = f'-t zord -p daemon.notice watchdog: {cause} 2 times in a row (); restarting zord\n'
-        eq(re.sub(r'\(.*\)', '()', r.syslog()), said, 'the system log')
+        line = f'daemon.notice zord: watchdog: {cause} 2 times in a row (); restarting zord'
+        eq([re.sub(r'\(.*\)', '()', l) for l in r.said('watchdog')], [line], 'the system log')
         assert took <= NOTICED, f'noticed after {took:.1f} s'
-        assert wait_until(lambda: r.pid() != first and r.answers()), 'no answer after the restart'
-        assert wait_until(lambda: r.status()['check']['result'] == 'serving'), 'the next probe'
+        assert r.wait(lambda: r.pid() not in ('', first) and r.answers(), RESPAWN + WAIT)
         eq((r.status()['restarts'], r.status()['restart_cause']), (1, cause), 'zord status')
 
 
@@ -140,8 +263,19 @@ def test_restarts_zord_for_ten_idle_connections():
     restarted(ten_idle_connections, 'full')
 
 
-def test_restarts_zord_for_a_taken_client_port():
-    restarted(port_freed, 'not-listening', hold_port=True)
+# A second wedge soon after a restart waits for restart_interval.
+def test_a_second_restart_waits_for_restart_interval():
+    with Zord(**dict(SHORT, restart_interval=20)) as r:
+        two_lines_in_one_segment(r)
+        assert r.wait(lambda: r.said('restarting zord'), 2 * NOTICED), 'no restart'
+        first = r.pid()
+        assert r.wait(lambda: r.pid() not in ('', first) and r.answers(), RESPAWN + WAIT)
+        two_lines_in_one_segment(r)
+        assert r.wait(lambda: r.said('not restarting zord'), 2 * NOTICED), r.said('')
+        held = r.said('not restarting zord')[0]
+        assert held.endswith('(restart_interval 20)'), held
+        eq(len(r.said('restarting zord')) - 1, 1, 'restarts while held')
+        assert r.wait(lambda: len(r.said('; restarting zord')) == 2, 20 + NOTICED), 'never again'
 
 
 # Three probes in a row find nothing a restart would cure (two would do).
@@ -152,31 +286,120 @@ def three_more_probes(r):
 
 
 def test_no_restart_for_a_modem_out_of_coverage():
-    with Router() as r:
+    with Zord(**SHORT) as r:
         first = r.pid()
         r.modem('deregister')
         three_more_probes(r)
-        eq((r.status()['check']['registered'], r.syslog(), r.pid()), (False, '', first), 'zord')
+        eq((r.status()['check']['registered'], r.said(''), r.pid()), (False, [], first), 'zord')
 
 
 def test_without_the_switch_zord_is_restarted_only_once_its_sockets_are_there():
-    waiting = ("-t zord -p daemon.notice watchdog: zord reaches no AT switch, and the switch's"
-               ' sockets are not there; waiting for them\n')
-    with Router(sim=False) as r:
+    with Zord(sim=False, **SHORT) as r:
         first = r.pid()
         three_more_probes(r)
-        eq((r.status()['check']['result'], r.pid(), r.syslog()), ('no-modem', first, waiting),
-           'no AT switch')
-        r.sim = r.start([SIM], stdin=subprocess.PIPE, stdout=subprocess.PIPE)  # its sockets
+        eq((r.status()['check']['result'], r.pid()), ('no-modem', first), 'no AT switch')
+        r.sim = r.start(['/usr/bin/atsw-sim'], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                        stderr=subprocess.DEVNULL)
         r.modem('quote off')
-        assert wait_until(lambda: 'no-modem 2 times' in r.syslog(), 2 * NOTICED), r.syslog()
-        assert wait_until(lambda: r.pid() != first and r.answers()), 'no answer after the restart'
+        assert r.wait(lambda: r.said('no-modem 2 times'), 2 * NOTICED), r.said('')
+        assert r.wait(lambda: r.pid() not in ('', first) and r.answers(), RESPAWN + WAIT)
+
+
+# zord starts once the switch's sockets are there, when they are there at
+# once or come later, or after its wait without them, and then says so. The
+# socket's number is what stands before the character just before the role.
+def test_zord_starts_once_the_switch_sockets_are_there_or_after_its_wait():
+    Row = collections.namedtuple('Row', 'lines sockets come')
+    rows = [
+        Row('11,CUSTOM2,commands\n12,VVMUNSOL,reports\n', (11, 12), 'before'),
+        Row('11,CUSTOM2,commands\n12,VVMUNSOL,reports\n', (11, 12), 'later'),
+        Row('11,CUSTOM2,commands\n12,VVMUNSOL,reports\n', (11, 12), 'never'),
+        Row('131CUSTOM2\n0,VVMUNSOL\n+014 VVMUNSOL\n', (13, 14), 'before'),
+    ]
+    csv = '/etc/atswitch_config/atswitch_ecm_config.csv'
+    gave_up = ("daemon.notice zord: start: the AT switch's sockets (named in"
+               f' {csv}) are not there after 2 s; starting zord without them')
+    with Zord(sim=False, start=False) as r:
+        for row in rows:
+            r.ok(
+                f"mkdir -p /etc/atswitch_config && printf '{row.lines}' >{csv} && rm -f /tmp/atsw*")
+            sockets = [socket.socket(socket.AF_UNIX) for _ in row.sockets]
+            bind = lambda: [s.bind(r.path(f'/tmp/atsw{n}')) for s, n in zip(sockets, row.sockets)]
+            if row.come == 'before':
+                bind()
+            said = len(r.syslog(gave_up))
+            p = r.start(['/usr/libexec/zord/zord', '--wait', '2', 'echo', 'zord'],
+                        stdout=subprocess.PIPE, text=True)
+            if row.come == 'later':
+                assert not wait_until(lambda: p.poll() is not None, 0.5), 'it did not wait'
+                bind()
+            eq(p.communicate(timeout=WAIT)[0], 'zord\n', row)
+            eq(len(r.syslog(gave_up)) - said, int(row.come == 'never'), row)
+            for s in sockets:
+                s.close()
+
+
+# netifd (an rpcd plugin in its place, standins/network.interface) knows
+# the WAN addresses; procd's dispatch or hotplug-call runs the hotplug
+# script, which writes /tmp/wan; a report after a new address says changed.
+def test_the_hotplug_script_hands_the_wan_addresses_to_zord():
+    head, v4, v6 = "config status 'status'\n", "\toption ipv4_addr '%s'\n", '\toption '
+    v6 += "ipv6_addr_global '%s'\n"
+    dispatch = 'ubus call hotplug.iface call \'{"env":["ACTION=%s","INTERFACE=%s"]}\''
+    call = 'ACTION=%s INTERFACE=%s /sbin/hotplug-call iface'
+    # How the event comes, what netifd then knows, and what /tmp/wan holds after it.
+    Row = collections.namedtuple('Row', 'run action interface ipv4 ipv6 wan')
+    rows = [
+        Row(dispatch, 'ifup', 'wan', '10.0.0.1', None, v4 % '10.0.0.1'),
+        Row(call, 'ifup', 'wan6', '10.0.0.1', '2001:db8::1', v4 % '10.0.0.1' + v6 % '2001:db8::1'),
+        Row(dispatch, 'ifupdate', 'wan', '10.0.0.2', '2001:db8::1',
+            v4 % '10.0.0.2' + v6 % '2001:db8::1'),
+        Row(call, 'ifup', 'lan', '10.9.9.9', None, v4 % '10.0.0.2' + v6 % '2001:db8::1'),
+        Row(dispatch, 'ifdown', 'wan', None, '2001:db8::1', v6 % '2001:db8::1'),
+    ]
+    # A report after a new address says changed; one with a new cell and the same addresses not.
+    reports = [
+        (None, 'cell 00C1 0BEEF001', '31041000C1BEEF001', 1),  # the first to find both
+        ('2001:db8::2', 'report', '31041000C1BEEF001', 1),
+        (None, 'cell 1A2B 01A2D101', '3104101A2B1A2D101', 0),
+    ]
+
+    def netifd(ipv4, ipv6, lan=None):  # netifd's dump, as network.sh reads it
+        interface = lambda name, key, address: dict(
+            interface=name, up=bool(address), **{key: [{'address': address}] if address else []})
+        return json.dumps({
+            'interface': [
+                interface('wan', 'ipv4-address', ipv4),
+                interface('wan6', 'ipv6-address', ipv6),
+                interface('lan', 'ipv4-address', lan)
+            ]
+        })
+
+    with Zord() as r:
+        for row in rows:
+            r.ok(f"echo '{netifd(row.ipv4, row.ipv6, row.ipv4)}' >/tmp/netifd.json")
+            r.ok(row.run % (row.action, row.interface))
+            assert r.wait(lambda: r.read('/tmp/wan') == head + row.wan,
+                          5), (row, r.read('/tmp/wan'))
+        subscriber = r.client()
+        expect(subscriber, 'AT+CEVVMEV=1\r\n', 'OK\r\n', 'subscribing')
+        ipv4, ipv6 = '10.0.0.1', '2001:db8::1'
+        r.ok(f"echo '{netifd(ipv4, ipv6)}' >/tmp/netifd.json && {dispatch % ('ifup', 'wan')}")
+        assert r.wait(lambda: ipv4 in r.read('/tmp/wan')), 'no address'
+        for address, control, cell, changed in reports:
+            if address:
+                r.ok(
+                    f"echo '{netifd(ipv4, address)}' >/tmp/netifd.json && {call % ('ifup', 'wan6')}"
+                )
+                assert r.wait(lambda: address in r.read('/tmp/wan')), 'no new address'
+            r.modem(control)
+            expect(subscriber, None, f'+CEVVMEV:{cell},FDD,{changed}\r\n', control)
 
 
 def test_the_log_stays_within_its_budget_and_keeps_the_newest_entries():
     budget = 1024 * 1024
-    with Router(watchdog=['log', '--max-kb', '1024']) as r:
-        log, [client], sizes = r.root + '/tmp/logs/zord-vvm-app.log', r.clients(1), []
+    with Zord(**dict(SHORT, check_interval=0, log_max_kb=1024)) as r:
+        log, client, sizes = r.path('/tmp/logs/zord-vvm-app.log'), r.client(), []
 
         def loaded():  # one query more; the pauses between keep the log below 384 KB a second
             expect(client, 'AT+CEVVMEV?\r\n', EV, 'a query under load')
@@ -192,119 +415,18 @@ def test_the_log_stays_within_its_budget_and_keeps_the_newest_entries():
         assert DONE in kept and DONE in r.log(), 'the newest answers in the log'
 
 
-def test_the_rpcd_plugin_answers_list_and_status_as_rpcd_runs_it():
-    with Run() as run:
-        eq(json.loads(sh('zord.rpcd', ['list'], run.env)[1]), {'status': {}}, 'list')
-        status = json.loads(sh('zord.rpcd', ['call', 'status'], run.env, '{}')[1])
-        eq((status['check'], status['restarts'], status['log']['bytes']), (None, 0, 0), 'status')
-
-
-# What /etc/rc.common and procd give the service script, as far as it uses
-# them: an instance comes out as a line. Options come from ZORD_CONFIG_<name>.
-PROCD = '''config_load() { :; }
-config_get() { eval "$1=\\${ZORD_CONFIG_$3:-$4}"; }
-config_get_bool() { config_get "$@"; }
-procd_open_instance() { instance="[$1]"; }
-procd_set_param() { instance="$instance $*;"; }
-procd_append_param() { shift; instance="${instance%;} $*;"; }
-procd_close_instance() { echo "$instance"; }
-logger() { echo "logger $*" >&2; }
-mkdir() { :; }
-. "$1"; start_service'''
-SERVICE = '[zord] command /usr/libexec/zord-watchdog start --wait 60 /usr/sbin/zord;'
-SERVICE += ' respawn 3600 5 0; stderr 1; pidfile /var/run/zord.pid;'
-DOG = '[watchdog] command /usr/libexec/zord-watchdog check --interval 30 --failures 3'
-DOG += ' --timeout 10000 --restart-interval 300; respawn 3600 5 0; stderr 1;'
-LOG = '[log] command /usr/libexec/zord-watchdog log --max-kb 4096; respawn 3600 5 0; stderr 1;'
-WHOLE = "logger -t zord %s is not a whole number of at least 1; using %s"
-
-
-def test_the_service_script_gives_procd_an_instance_per_duty():
-    Row = collections.namedtuple('Row', 'config instances said')
-    every, with_t = [SERVICE, DOG, LOG], SERVICE.replace('zord;', 'zord -t 60000;')
-    rows = [
-        Row({}, every, ''),
-        Row({'station_timeout': '60000'}, [with_t, DOG, LOG], ''),
-        Row({'station_timeout': '25m'}, every, "logger -t zord station_timeout '25m' is not"),
-        Row({'check_interval': '0', 'log_max_kb': '0'}, [SERVICE], ''),
-        Row({'log_max_kb': '64'}, [SERVICE, DOG, LOG.replace('4096', '64')], ''),
-        Row({'check_failures': 'x'}, every, WHOLE % ("check_failures 'x'", 3)),
-        Row({'enabled': '0'}, [], ''),
-    ]
-    for row in rows:
-        env = {f'ZORD_CONFIG_{name}': value for name, value in row.config.items()}
-        got = subprocess.run([BUSYBOX, 'sh', '-c', PROCD, '-', f'{FILES}/zord.init'], env=env,
-                             capture_output=True, text=True)
-        said = got.stderr[:len(row.said) or None]
-        eq((got.stdout.splitlines(), said), (row.instances, row.said), row.config)
-
-
-# zord starts once the switch's sockets are there, when they are there at
-# once or come later, or after its wait without them, and then says so.
-def test_zord_starts_once_the_switch_sockets_are_there_or_after_its_wait():
-    start = ['start', '--wait', '2', BUSYBOX, 'echo', 'zord']
-    for sockets_come in 'before', 'later', 'never':
-        with Run() as run:
-            config = run.root + '/etc/atswitch_config/atswitch_ecm_config.csv'
-            os.makedirs(os.path.dirname(config))
-            open(config, 'w').write('11,CUSTOM2,commands\n12,VVMUNSOL,reports\n')
-            sockets = {n: socket.socket(socket.AF_UNIX) for n in (11, 12)}
-            bind = lambda: [s.bind(f'{run.root}/tmp/atsw{n}') for n, s in sockets.items()]
-            if sockets_come == 'before':
-                bind()
-            env = dict(run.env, PATH=STANDINS + ':' + run.env['PATH'])
-            p = subprocess.Popen([BUSYBOX, 'sh', FILES + '/zord.watchdog'] + start, env=env,
-                                 stdout=subprocess.PIPE, text=True)
-            if sockets_come == 'later':
-                assert not wait_until(lambda: p.poll() is not None, 0.5), 'it did not wait'
-                bind()
-            gave_up = (
-                f"-t zord -p daemon.notice start: the AT switch's sockets (named in {config})"
-                ' are not there after 2 s; starting zord without them\n')
-            said = gave_up if sockets_come == 'never' else ''
-            eq((p.communicate(timeout=WAIT)[0], read(run.root + '/syslog')), ('zord\n', said),
-               sockets_come)
-
-
-def test_the_hotplug_script_hands_the_wan_addresses_to_zord():
-    head, v4, v6 = "config status 'status'\n", "\toption ipv4_addr '%s'\n", '\toption '
-    v6 += "ipv6_addr_global '2001:db8::1'\n"
-    # netifd's event, the address its interface has then (None: none), and what /tmp/wan holds.
-    rows = [
-        ('ifup', 'wan', '10.0.0.1', v4 % '10.0.0.1'),
-        ('ifup', 'wan6', '2001:db8::1', v4 % '10.0.0.1' + v6),
-        ('ifupdate', 'wan', '10.0.0.2', v4 % '10.0.0.2' + v6),
-        ('ifup', 'lan', '10.9.9.9', v4 % '10.0.0.2' + v6),  # not a WAN interface: nothing written
-        ('ifdown', 'wan', None, v6),
-    ]
-    # A report after a new address says changed; one with a new cell and the same addresses not.
-    reports = [
-        (None, 'cell 00C1 0BEEF001', '31041000C1BEEF001', 1),  # the first to find both
-        ('10.0.0.3', 'report', '31041000C1BEEF001', 1),
-        (None, 'cell 1A2B 01A2D101', '3104101A2B1A2D101', 0),
-    ]
-    with Run(zord=[], sim=True) as road:
-        os.makedirs(road.root + '/lib/functions')
-        with open(road.root + '/lib/functions/network.sh', 'w') as f:  # the helpers, from files
-            f.write('network_get_ipaddr() { read -r "$1" 2>/dev/null <"$ZORD_ROOT/$2.address"; }\n'
-                    'network_get_ipaddr6() { network_get_ipaddr "$@"; }\n')
-
-        def event(action, interface, address):  # the address changes, then netifd runs the script
-            with open(f'{road.root}/{interface}.address', 'w') as f:
-                f.write(address or '')
-            sh('zord.hotplug', [], dict(road.env, ACTION=action, INTERFACE=interface))
-            return read(road.root + '/tmp/wan')
-
-        for action, interface, address, options in rows:
-            eq(event(action, interface, address), head + options, (action, interface))
-        [subscriber] = road.clients(1)
-        expect(subscriber, 'AT+CEVVMEV=1\r\n', 'OK\r\n', 'subscribing')
-        event('ifup', 'wan', '10.0.0.1')
-        for address, control, cell, changed in reports:
-            if address:
-                event('ifupdate', 'wan', address)
-            road.modem(control)
-            expect(subscriber, None, f'+CEVVMEV:{cell},FDD,{changed}\r\n', control)
+# What the feed's CI runs after installing each package.
+def test_the_feeds_test_script_passes_on_the_router():
+    with Zord(sim=False, start=False) as r:
+        test = open(f'{openwrt.TOP}/packaging/openwrt/zord/test.sh').read()
+        with open(r.path('/tmp/test.sh'), 'w') as f:
+            f.write(test)
+        version = re.search(r'^PKG_VERSION:=(\S+)',
+                            open(f'{openwrt.TOP}/packaging/openwrt/zord/Makefile').read(),
+                            re.M).group(1)
+        for package in 'zord', 'zordctl':
+            r.ok(f'sh /tmp/test.sh {package} {version}')
+        eq(r.sh('sh /tmp/test.sh zordctl 9.9')[0], 1, 'another version')
 
 
 def test_each_install_component_puts_its_files_and_no_uci_in_a_bin():
@@ -323,4 +445,6 @@ def test_each_install_component_puts_its_files_and_no_uci_in_a_bin():
     eq(installed(), sorted(runtime + devel + ['share/doc/zord/LICENSE']), 'all')
 
 
+if sys.argv[1] != 'test_each_install_component_puts_its_files_and_no_uci_in_a_bin':
+    openwrt.enter_network_namespace(ROOT)
 globals()[sys.argv[1]]()  # the case named on the command line
