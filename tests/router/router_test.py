@@ -65,7 +65,7 @@ class Zord(openwrt.Router):
         return {k: (v.get('pid'), ' '.join(v['command'])) for k, v in found.items()}
 
     def syslog(self, word='zord'):  # logd's lines with `word`, without their time
-        lines = self.ok('logread').splitlines()
+        lines = self.ok('/sbin/logread').splitlines()
         return [l[25:] for l in lines if word in l and 'procd:' not in l]
 
     def said(self, text):  # the watchdog's lines with `text`

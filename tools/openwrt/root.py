@@ -109,7 +109,9 @@ def main():
     if subprocess.run(['unshare', '--pid', '--mount', '--net', '--fork', 'true'],
                       capture_output=True).returncode:
         skip('no pid, mount and net namespaces here')
-    busybox = shutil.which('busybox') or skip('no busybox (apt-get install busybox)')
+    # Debian's busybox or busybox-static, or the one ZORD_BUSYBOX names.
+    busybox = os.environ.get('ZORD_BUSYBOX') or shutil.which('busybox') or skip(
+        'no busybox (apt-get install busybox)')
     got = subprocess.run([HERE + '/build'], capture_output=True, text=True)
     if got.returncode:
         skip(f'OpenWrt userland not built:\n{got.stderr}')

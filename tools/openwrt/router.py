@@ -65,15 +65,16 @@ class Router(contextlib.AbstractContextManager):
                         self.init = int(f.read().split()[0])
                 time.sleep(0.01)
             assert self.init, 'procd did not start'
-            # Booted: logd runs and has procd's word for it.
-            assert self.wait(lambda: 'init complete' in self.sh('logread')[1]), 'no boot'
+            # Booted: logd runs and has procd's word for it. (OpenWrt's logread
+            # by its path: busybox-static's shell runs its own before PATH.)
+            assert self.wait(lambda: 'init complete' in self.sh('/sbin/logread')[1]), 'no boot'
         except BaseException:
             self.__exit__(*sys.exc_info())
             raise
 
     def __exit__(self, kind, value, trace):
         if kind is not None and self.init:
-            print('---- system log\n' + self.sh('logread')[1])
+            print('---- system log\n' + self.sh('/sbin/logread')[1])
             print('---- zord log\n' + self.read('/tmp/logs/zord-vvm-app.log'))
         with contextlib.suppress(ProcessLookupError):
             os.kill(self.unshare.pid, signal.SIGKILL)  # and with it, the router's PID 1
