@@ -306,10 +306,13 @@ void zor_handle_unsol_rsp(const char* text, int length, int pending) {
   LOG_AT_MSG(1, length, text);
   for (int i = 0; i < MAX_CHILDS; ++i) {
     ChildEntry& child = childs[i];
-    if (relaxed_load(child.connfd) == 0 || relaxed_load(child.unsol_enabled) != 1) continue;
+    // The descriptor is read once: a slot freed by its client thread between
+    // two reads would have sent the text to descriptor 0.
+    int fd = relaxed_load(child.connfd);
+    if (fd == 0 || relaxed_load(child.unsol_enabled) != 1) continue;
     uint32_t addr = relaxed_load(child.addr), port = relaxed_load(child.port);
     if (pending <= 0) {
-      write_to(relaxed_load(child.connfd), text, static_cast<size_t>(length));
+      write_to(fd, text, static_cast<size_t>(length));
       ZLOG_INFO("send unsolicited response to child #%d, address %X:%d\n", i, addr, port);
       continue;
     }
