@@ -104,6 +104,7 @@ def libraries(root):
 
 def main():
     root = os.path.abspath(sys.argv[1])
+    shutil.rmtree(root, ignore_errors=True)  # a skipped run leaves no root to boot
     if os.geteuid() != 0:
         skip('booting procd in namespaces takes root')
     if subprocess.run(['unshare', '--pid', '--mount', '--net', '--fork', 'true'],
@@ -117,7 +118,6 @@ def main():
         skip(f'OpenWrt userland not built:\n{got.stderr}')
     stage = got.stdout.strip()
 
-    shutil.rmtree(root, ignore_errors=True)
     wanted = depends()
     shutil.copytree(stage, root, symlinks=True,
                     ignore=shutil.ignore_patterns('include', '*.a', 'pkgconfig'))
