@@ -8,7 +8,7 @@ GONE, LATE, OK, ER = 'gone', 'late', 'OK\r\n', 'ERROR\r\n'
 ON, Q, C = 'AT+CEVVMCMD=1\r\n', 'AT+CEVVMEV?\r\n', 'AT+CEVVMCMD?\r\n'
 IMSI, CELL, CME = '001019876543210', '3104101A2B1A2D101', '+CME ERROR: 4'
 ANSWER, ID = '+CEVVMCMD:1,A,FDD', f'+CEVVMCMD:{IMSI},'
-NO_ANSWER = 'no answer to AT+CEVVMCMD? within 300 ms\n'
+NO_ANSWER = 'no answer to AT+CEVVMCMD? within 300 ms (zord is wedged or its modem silent: restart zord)\n'
 
 
 # A stand-in daemon for one run of zordctl: the n-th line it receives gets answers[n], each piece
@@ -51,7 +51,8 @@ def test_zordctl_reads_answers_line_by_line_and_maps_them_to_exit_statuses():
         Row(['send', 'ATI'], ['OK\n', '\r\nM1\r\n\r\n' + OK], 'ATI\r\n', 0, 'M1\nOK\n', ''),
         # No final result: the information line is the whole answer.
         Row(['send', 'AT+CEVVMEV?'], [OK, '+CEVVMEV:A,TDD\r\n'], Q, 0, '+CEVVMEV:A,TDD\n', ''),
-        Row(['send', 'ATE1'], [OK, CME + '\r\n'], 'ATE1\r\n', 4, CME + '\n', f'{CME} to ATE1\n'),
+        Row(['send', 'ATE1'], [OK, CME + '\r\n'], 'ATE1\r\n', 4, CME + '\n',
+            f'modem answered {CME} to ATE1\n'),
         Row(['send', 'AT'], [OK, ER], 'AT\r\n', 4, 'ERROR\n', 'ERROR to AT: the daemon takes only'),
         Row(['cell'], [ER], '', 4, '', 'the daemon answered ERROR to AT+CEVVMCMD=1\n'),
         Row(['cell'], [OK, OK], Q, 9, '', 'answered AT+CEVVMEV? without a +CEVVMEV: line\n'),

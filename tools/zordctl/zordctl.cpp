@@ -372,7 +372,10 @@ int ask(Link& link, const char* line, Millis deadline, Answer& a) {
       case Got::TIME_UP:
         if (is_queued(link)) linger(link);
         if (a.raw && a.count > 0) return ANSWERED;
-        return fail(NO_ANSWER, "no answer to %s within %d ms", line, link.timeout_ms);
+        return fail(NO_ANSWER,
+                    "no answer to %s within %d ms (zord is wedged or its modem silent:"
+                    " restart zord)",
+                    line, link.timeout_ms);
       case Got::LINE:
         keep(a, got);
         if (ends_answer(link, got)) return ANSWERED;
@@ -413,9 +416,9 @@ int send_raw(Link& link, const Options& o) {
   a.raw = true;
   int status = ask(link, o.line, now_ms() + o.timeout_ms, a);
   if (status != ANSWERED || !is_final(a.last) || is(a.last, "OK")) return status;
-  bool taken = link.sent_accepted;
-  return fail(REFUSED, "the daemon answered %s to %s%s%s", a.last, o.line, taken ? "" : ": ",
-              taken ? "" : ACCEPTED_FORMS);
+  // A line the daemon accepts went on to the modem: the final result is the modem's.
+  if (link.sent_accepted) return fail(REFUSED, "the modem answered %s to %s", a.last, o.line);
+  return fail(REFUSED, "the daemon answered %s to %s: %s", a.last, o.line, ACCEPTED_FORMS);
 }
 
 int watch(Link& link, const Options& o) {
