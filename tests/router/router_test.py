@@ -59,10 +59,14 @@ class Zord(openwrt.Router):
         pid = self.read('/var/run/zord.pid').strip()
         return pid if pid and self.read(f'/proc/{pid}/comm') == 'zord\n' else ''
 
-    def instances(self):  # procd's instances of the service: {name: (pid, command)}
+    # procd's instances of the service: {name: (pid, command, respawn values)}
+    def instances(self):
         listed = json.loads(self.ok("ubus call service list '{\"name\":\"zord\"}'") or '{}')
         found = listed.get('zord', {}).get('instances', {})
-        return {k: (v.get('pid'), ' '.join(v['command'])) for k, v in found.items()}
+        return {
+            k: (v.get('pid'), ' '.join(v['command']), tuple(v['respawn'].values()))
+            for k, v in found.items()
+        }
 
     def syslog(self, word='zord'):  # logd's lines with `word`, without their time
         lines = self.ok('/sbin/logread').splitlines()
@@ -106,7 +110,8 @@ def test_lifecycle_under_procd():
         step('enabled: /etc/rc.d/S95zord and K05zord')
         r.ok('/etc/init.d/zord start')
         assert r.wait(r.pid), 'no zord'
-        eq(sorted(r.instances()), ['log', 'watchdog', 'zord'], 'instances')
+        every = {name: (3600, 5, 0) for name in ('log', 'watchdog', 'zord')}  # never given up
+        eq({k: v[2] for k, v in r.instances().items()}, every, 'instances and their respawn')
         step('started: procd runs the instances log, watchdog and zord')
         eq(r.read(f'/proc/{r.pid()}/cmdline'), '/usr/sbin/zord\0', 'the pidfile')
         step(f'the pidfile names zord ({r.pid()})')
@@ -277,6 +282,7 @@ def test_a_second_restart_waits_for_restart_interval():
         assert held.endswith('(restart_interval 20)'), held
         eq(len(r.said('restarting zord')) - 1, 1, 'restarts while held')
         assert r.wait(lambda: len(r.said('; restarting zord')) == 2, 20 + NOTICED), 'never again'
+        assert r.wait(lambda: r.status()['restarts'] == 2), r.status()  # counted
 
 
 # Three probes in a row find nothing a restart would cure (two would do).

@@ -8,7 +8,8 @@ GONE, LATE, OK, ER = 'gone', 'late', 'OK\r\n', 'ERROR\r\n'
 ON, Q, C = 'AT+CEVVMCMD=1\r\n', 'AT+CEVVMEV?\r\n', 'AT+CEVVMCMD?\r\n'
 IMSI, CELL, CME = '001019876543210', '3104101A2B1A2D101', '+CME ERROR: 4'
 ANSWER, ID = '+CEVVMCMD:1,A,FDD', f'+CEVVMCMD:{IMSI},'
-NO_ANSWER = 'no answer to AT+CEVVMCMD? within 300 ms (zord is wedged or its modem silent: restart zord)\n'
+NO_ANSWER = ('no answer to AT+CEVVMCMD? within 300 ms'
+             ' (zord is wedged or its modem silent: restart zord)\n')
 
 
 # A stand-in daemon for one run of zordctl: the n-th line it receives gets answers[n], each piece
