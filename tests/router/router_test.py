@@ -300,31 +300,29 @@ def test_no_restart_for_a_modem_out_of_coverage():
         eq((r.status()['check']['registered'], r.said(''), r.pid()), (False, [], first), 'zord')
 
 
-def test_without_the_switch_zord_is_restarted_only_once_its_sockets_are_there():
-    with Zord(sim=False, **SHORT) as r:
-        first = r.pid()
-        three_more_probes(r)
-        eq((r.status()['check']['result'], r.pid()), ('no-modem', first), 'no AT switch')
-        r.sim = r.start(['/usr/bin/atsw-sim'], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                        stderr=subprocess.DEVNULL)
-        r.modem('quote off')
-        assert r.wait(lambda: r.said('no-modem 2 times'), 2 * NOTICED), r.said('')
-        assert r.wait(lambda: r.pid() not in ('', first) and r.answers(), RESPAWN + WAIT)
-
-
-# A probe that cannot run says nothing of zord: it is named once for each
-# way it fails, shown in the status, and restarts nothing.
-def test_a_probe_that_cannot_run_is_named_once_and_restarts_nothing():
-    with Zord(**SHORT) as r:
-        first, said = r.pid(), []
-        for command, status in [('chmod -x /usr/bin/zordctl', 126), ('rm /usr/bin/zordctl', 127)]:
-            r.ok(command)
-            assert r.wait(lambda: r.status()['probe_error'] == status, 2 * NOTICED), r.status()
-            since = r.status()['check_time']
-            assert r.wait(lambda: r.status()['check_time'] >= since + 3 * 2, 4 * NOTICED)
-            said.append(f'zord: watchdog: zordctl check cannot run (status {status}); zord is not'
-                        ' judged until it can')
-            eq(([l[l.index('zord:'):] for l in r.said('')], r.pid()), (said, first), command)
+# Without a switch that takes connections when zord starts (none, or the
+# socket files of one that died), zord is restarted once one does, whether it
+# comes after three probes or before the first.
+def test_without_the_switch_zord_is_restarted_only_once_it_listens():
+    csv = "printf '11,CUSTOM2,c\\n12,VVMUNSOL,r\\n' >/etc/atswitch_config/atswitch_ecm_config.csv"
+    for stale_sockets, comes in [(False, 'after three probes'), (True, 'before the first')]:
+        with Zord(sim=False, start=False, **SHORT) as r:
+            if stale_sockets:
+                r.ok(f'mkdir -p /etc/atswitch_config && {csv}')
+                for n in 11, 12:
+                    with socket.socket(socket.AF_UNIX) as left:
+                        left.bind(r.path(f'/tmp/atsw{n}'))
+            r.ok('/etc/init.d/zord enable && /etc/init.d/zord start')
+            assert r.wait(r.pid), 'no zord'
+            first = r.pid()
+            if comes == 'after three probes':
+                three_more_probes(r)
+                eq((r.status()['check']['result'], r.pid()), ('no-modem', first), 'no AT switch')
+            r.sim = r.start(['/usr/bin/atsw-sim'], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                            stderr=subprocess.DEVNULL)
+            r.modem('quote off')
+            assert r.wait(lambda: r.said('no-modem 2 times'), 2 * NOTICED), (comes, r.said(''))
+            assert r.wait(lambda: r.pid() not in ('', first) and r.answers(), RESPAWN + WAIT)
 
 
 # zord starts once the switch's sockets are there, when they are there at
@@ -340,25 +338,38 @@ def test_zord_starts_once_the_switch_sockets_are_there_or_after_its_wait():
     ]
     csv = '/etc/atswitch_config/atswitch_ecm_config.csv'
     gave_up = ("daemon.notice zord: start: the AT switch's sockets (named in"
-               f' {csv}) are not there after 2 s; starting zord without them')
+               f' {csv}) are not there, or nothing listens on them, after 2 s; starting zord'
+               ' without them')
     with Zord(sim=False, start=False) as r:
         for row in rows:
             r.ok(
                 f"mkdir -p /etc/atswitch_config && printf '{row.lines}' >{csv} && rm -f /tmp/atsw*")
-            sockets = [socket.socket(socket.AF_UNIX) for _ in row.sockets]
-            bind = lambda: [s.bind(r.path(f'/tmp/atsw{n}')) for s, n in zip(sockets, row.sockets)]
+            switch = []
+
+            def listen():  # a switch that listens, from inside the router's root
+                switch.append(os.fork())
+                if switch[0] == 0:
+                    os.chroot(r.path('/'))
+                    sockets = [socket.socket(socket.AF_UNIX) for _ in row.sockets]
+                    for s, n in zip(sockets, row.sockets):
+                        s.bind(f'/tmp/atsw{n}')
+                        s.listen()
+                    time.sleep(3 * WAIT)
+                    os._exit(0)
+
             if row.come == 'before':
-                bind()
+                listen()
             said = len(r.syslog(gave_up))
             p = r.start(['/usr/libexec/zord/zord', '--wait', '2', 'echo', 'zord'],
                         stdout=subprocess.PIPE, text=True)
             if row.come == 'later':
                 assert not wait_until(lambda: p.poll() is not None, 0.5), 'it did not wait'
-                bind()
+                listen()
             eq(p.communicate(timeout=WAIT)[0], 'zord\n', row)
             eq(len(r.syslog(gave_up)) - said, int(row.come == 'never'), row)
-            for s in sockets:
-                s.close()
+            for pid in switch:
+                os.kill(pid, signal.SIGKILL)
+                os.waitpid(pid, 0)
 
 
 # netifd (an rpcd plugin in its place, standins/network.interface) knows
