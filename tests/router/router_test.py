@@ -325,6 +325,21 @@ def test_without_the_switch_zord_is_restarted_only_once_it_listens():
             assert r.wait(lambda: r.pid() not in ('', first) and r.answers(), RESPAWN + WAIT)
 
 
+# A probe that cannot run says nothing of zord: it is named once for each
+# way it fails, shown in the status, and restarts nothing.
+def test_a_probe_that_cannot_run_is_named_once_and_restarts_nothing():
+    with Zord(**SHORT) as r:
+        first, said = r.pid(), []
+        for command, status in [('chmod -x /usr/bin/zordctl', 126), ('rm /usr/bin/zordctl', 127)]:
+            r.ok(command)
+            assert r.wait(lambda: r.status()['probe_error'] == status, 2 * NOTICED), r.status()
+            since = r.status()['check_time']
+            assert r.wait(lambda: r.status()['check_time'] >= since + 3 * 2, 4 * NOTICED)
+            said.append(f'zord: watchdog: zordctl check cannot run (status {status}); zord is not'
+                        ' judged until it can')
+            eq(([l[l.index('zord:'):] for l in r.said('')], r.pid()), (said, first), command)
+
+
 # zord starts once the switch's sockets are there, when they are there at
 # once or come later, or after its wait without them, and then says so. The
 # socket's number is what stands before the character just before the role.
