@@ -145,8 +145,8 @@ def test_system_log_lines_tags_and_facilities():
         rows = [
             Row(f'daemon.err zord[{zord}]: connect: Connection refused'),  # no switch configured
             Row("daemon.warn zord: check_failures 'x' is not and(uinteger,min(1)); using 3"),
-            Row("daemon.notice zord: watchdog: zord reaches no AT switch, and the switch's sockets"
-                ' are not there; waiting for them'),
+            Row('daemon.notice zord: watchdog: zord reaches no AT switch, and nothing listens on'
+                " the switch's sockets; waiting for the switch"),
         ]
         for row in rows:
             assert r.wait(lambda: row.line in r.syslog()), (row.line, r.syslog())
