@@ -74,7 +74,7 @@ class Router(contextlib.AbstractContextManager):
             raise
 
     def __exit__(self, kind, value, trace):
-        if kind is not None and self.init:
+        if kind not in (None, SystemExit) and self.init:  # a failure: what the router said
             print('---- system log\n' + self.sh('/sbin/logread')[1])
             print('---- zord log\n' + self.read('/tmp/logs/zord-vvm-app.log'))
         with contextlib.suppress(ProcessLookupError):
