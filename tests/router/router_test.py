@@ -1,4 +1,4 @@
-# zord as a router runs it, on OpenWrt's own userland (openwrt.py): the
+# zord as a router runs it, on OpenWrt's own userland (tools/openwrt): the
 # package's service under the real procd, its watchdog restarting zord
 # through `ubus call service signal`, its status through rpcd, its hotplug
 # script through procd's dispatch and hotplug-call with the real
