@@ -48,9 +48,6 @@ class Zord(openwrt.Router):
             self.__exit__(*sys.exc_info())
             raise
 
-    def path(self, path):  # a file of the router's, as this machine sees it
-        return f'/proc/{self.init}/root{path}'
-
     def modem(self, line):  # a control command for the switch; its reply
         os.write(self.sim.stdin.fileno(), line.encode() + b'\n')
         return read_until(self.sim.stdout, 'ok\n')
@@ -82,7 +79,7 @@ class Zord(openwrt.Router):
         return self.sh('zordctl --timeout 2000 cell')[0] == 0
 
     def log(self):
-        return read(self.path('/tmp/logs/zord-vvm-app.log'))
+        return self.read('/tmp/logs/zord-vvm-app.log')
 
     # A client from a loopback address of its own (a new connection from the
     # address of the client in the first slot drops that client); enabled
@@ -94,12 +91,6 @@ class Zord(openwrt.Router):
         if enable:
             expect(client, 'AT+CEVVMCMD=1\r\n', 'OK\r\n', 'enabling')
         return client
-
-
-def read(path):  # a file's text, empty when there is none
-    with contextlib.suppress(OSError), open(path, encoding='latin-1', newline='') as f:
-        return f.read()
-    return ''
 
 
 def test_lifecycle_under_procd():
@@ -206,8 +197,9 @@ def test_status_says_when_logd_is_not_there():
 # again later changes nothing.
 def silent_modem(r):
     r.modem('silent on')
+    before = r.modem('bytes 1')
     r.client().sendall(b'AT+CEVVMEV?\r\n')
-    time.sleep(0.5)
+    assert r.wait(lambda: r.modem('bytes 1') != before), 'nothing reached the modem'
     r.modem('silent off')
 
 
@@ -447,16 +439,16 @@ def test_the_hotplug_script_hands_the_wan_addresses_to_zord():
 def test_the_log_stays_within_its_budget_and_keeps_the_newest_entries():
     budget = 1024 * 1024
     with Zord(**dict(SHORT, check_interval=0, log_max_kb=1024)) as r:
-        log, client, sizes = r.path('/tmp/logs/zord-vvm-app.log'), r.client(), []
+        log, client, sizes = '/tmp/logs/zord-vvm-app.log', r.client(), []
 
         def loaded():  # one query more; the pauses between keep the log below 384 KB a second
             expect(client, 'AT+CEVVMEV?\r\n', EV, 'a query under load')
-            sizes.append(len(read(log)) + len(read(log + '.1')))
+            sizes.append(len(r.read(log)) + len(r.read(log + '.1')))
             return r.status()['log']['rotations'] >= 2
 
         assert wait_until(loaded, 10 * WAIT), 'fewer than two rotations'
         eq((r.status()['log']['max_bytes'], max(sizes) <= budget), (budget, True), max(sizes))
-        kept = read(log + '.1')
+        kept = r.read(log + '.1')
         assert len(kept) <= budget // 8 and kept.endswith('\n'), f'{len(kept)} bytes kept'
         assert re.match(r'\d\d:\d\d:\d\d\.\d{3} ', kept), 'the kept part begins with an entry'
         expect(client, 'AT+CEVVMEV?\r\n', EV, 'zord answers on')

@@ -18,7 +18,7 @@ PACKAGE = TOP + '/packaging/openwrt/zord'
 BASE_FILES = os.environ.get('ZORD_OPENWRT_BASE_FILES', TOP + '/../shared/openwrt/base-files')
 # OpenWrt keeps these in /sbin and /bin; the build installs them under /usr.
 SBIN = 'procd init ubusd logd logread rpcd validate_data udevtrigger kmodloader uci'.split()
-OPTIONAL = {'rpcd': ['usr/sbin/rpcd', 'sbin/rpcd', 'usr/lib/rpcd', 'etc/init.d/rpcd']}
+OPTIONAL = {'rpcd': ['usr/sbin/rpcd', 'usr/lib/rpcd', 'etc/init.d/rpcd']}
 # No uevent may reach this machine's kernel, and no module be loaded into it:
 # coldplug's udevtrigger and init's kmodloader do nothing here.
 STUBS = ['usr/sbin/udevtrigger', 'usr/sbin/kmodloader']
@@ -66,7 +66,6 @@ def depends():
 # ./files/... from the package folder, $(PKG_INSTALL_DIR)/... from zord's
 # own install (as the SDK's CMake rules make it).
 def install_package(root, staged):
-    made = []
     for kind, source, target in re.findall(r'^\t\$\(INSTALL_(BIN|DATA|CONF)\) (\S+) \$\(1\)(\S+)$',
                                            package_makefile(), re.M):
         source = source.replace('$(PKG_INSTALL_DIR)', staged).replace('./files', PACKAGE + '/files')
@@ -74,8 +73,6 @@ def install_package(root, staged):
             target += os.path.basename(source)
         copy(source, root + target)
         os.chmod(root + target, 0o755 if kind == 'BIN' else 0o644 if kind == 'DATA' else 0o600)
-        made.append(target)
-    return made
 
 
 def elf(path):
@@ -118,34 +115,33 @@ def main():
         skip(f'OpenWrt userland not built:\n{got.stderr}')
     stage = got.stdout.strip()
 
-    wanted = depends()
     shutil.copytree(stage, root, symlinks=True,
                     ignore=shutil.ignore_patterns('include', '*.a', 'pkgconfig'))
+    copy(BASE_FILES, root)
+    wanted = depends()
     for name, paths in OPTIONAL.items():
-        if name not in wanted:
-            for path in paths:
-                if os.path.isdir(root + '/' + path):
-                    shutil.rmtree(root + '/' + path)
-                elif os.path.lexists(root + '/' + path):
-                    os.remove(root + '/' + path)
+        for path in paths if name not in wanted else ():
+            if os.path.isdir(f'{root}/{path}'):
+                shutil.rmtree(f'{root}/{path}')
+            elif os.path.lexists(f'{root}/{path}'):
+                os.remove(f'{root}/{path}')
     for stub in STUBS:
         write(root, '/' + stub, '#!/bin/sh\nexit 0\n', 0o755)
+    os.makedirs(root + '/sbin', exist_ok=True)
     for name in SBIN:
-        if os.path.exists(f'{root}/usr/sbin/{name}') or os.path.exists(f'{root}/usr/bin/{name}'):
-            where = 'sbin' if os.path.exists(f'{root}/usr/sbin/{name}') else 'bin'
-            os.makedirs(root + '/sbin', exist_ok=True)
-            os.symlink(f'../usr/{where}/{name}', f'{root}/sbin/{name}')
+        for where in ('sbin', 'bin'):
+            if os.path.exists(f'{root}/usr/{where}/{name}'):
+                os.symlink(f'../usr/{where}/{name}', f'{root}/sbin/{name}')
+                break
     os.makedirs(root + '/bin', exist_ok=True)
     os.symlink('../usr/bin/ubus', root + '/bin/ubus')
-    copy(BASE_FILES, root)
-    for script in ('etc/init.d/rpcd',
-                   'etc/init.d/log') if 'rpcd' in wanted else ('etc/init.d/log', ):
-        start = re.search(r'^START=(\d+)', open(f'{root}/{script}').read(), re.M).group(1)
-        name = os.path.basename(script)
-        os.makedirs(root + '/etc/rc.d', exist_ok=True)
-        os.symlink(f'../init.d/{name}', f'{root}/etc/rc.d/S{start}{name}')
-    if 'rpcd' not in wanted and os.path.exists(root + '/etc/init.d/rpcd'):
-        os.remove(root + '/etc/init.d/rpcd')
+    # The platform's services enabled, as on an image.
+    os.makedirs(root + '/etc/rc.d', exist_ok=True)
+    for name in ('log', 'rpcd'):
+        if os.path.exists(f'{root}/etc/init.d/{name}'):
+            script = open(f'{root}/etc/init.d/{name}').read()
+            start = re.search(r'^START=(\d+)', script, re.M).group(1)
+            os.symlink(f'../init.d/{name}', f'{root}/etc/rc.d/S{start}{name}')
 
     # busybox with its applets where it puts them, and util-linux's flock,
     # which procd.sh takes and Debian's busybox lacks.

@@ -103,8 +103,14 @@ class Router(contextlib.AbstractContextManager):
         assert status == 0, f'{command}: status {status}\n{out}{err}'
         return out
 
-    def read(self, path):  # a file of the router's (its /tmp is the router's own)
-        return self.sh(f'cat {path} 2>/dev/null')[1]
+    def path(self, path):  # a file of the router's, as this machine sees it (through PID 1)
+        return f'/proc/{self.init}/root{path}'
+
+    def read(self, path):  # a file of the router's, empty when there is none
+        with contextlib.suppress(OSError), open(self.path(path), encoding='latin-1',
+                                                newline='') as f:
+            return f.read()
+        return ''
 
 
 if __name__ == '__main__':
