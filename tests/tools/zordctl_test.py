@@ -2,7 +2,7 @@
 # silence; and beside the real daemon and the simulator as people use them
 # on one host. More runs with the real daemon are in the end-to-end cases.
 from harness import *  # from tests/e2e, on PYTHONPATH
-import json
+import ctypes, json
 
 GONE, LATE, OK, ER = 'gone', 'late', 'OK\r\n', 'ERROR\r\n'
 ON, Q, C = 'AT+CEVVMCMD=1\r\n', 'AT+CEVVMEV?\r\n', 'AT+CEVVMCMD?\r\n'
@@ -17,7 +17,9 @@ NO_ANSWER = ('no answer to AT+CEVVMCMD? within 300 ms'
 # comes from zordctl's address, or ten are served), GONE the port and the connection; LATE answers
 # once zordctl has exited: the connection must stay open till then, and close after the answer.
 # Else it waits for zordctl to hang up. What it received, and zordctl's status, output and errors.
-def stand_in(run, args, answers):
+# The process holding the port goes by `name`, which check looks up.
+def stand_in(run, args, answers, name=b'zord'):
+    ctypes.CDLL(None).prctl(15, name)  # PR_SET_NAME
     with socket.create_server(('127.0.0.1', 0)) as listener:
         p = run.start([ZORDCTL] + args, {'ZORD_PORT': str(listener.getsockname()[1])}, **PIPES)
         listener.settimeout(WAIT)
@@ -72,7 +74,7 @@ def test_zordctl_reads_answers_line_by_line_and_maps_them_to_exit_statuses():
 # zordctl check against the stand-in: the lines of the probe in order, the exit status and the
 # one line it prints (its start; a dict: the JSON object, less the time), never the IMSI.
 def test_zordctl_check_names_what_it_found_in_one_line_and_its_exit_status():
-    Row = collections.namedtuple('Row', 'args answers status line')
+    Row = collections.namedtuple('Row', 'args answers status line name', defaults=[b'zord'])
     parts = {'cell': CELL, 'plmn': '310410', 'tac': '1A2B', 'cell_id': '1A2D101', 'duplex': 'FDD'}
     junk = 'x"\\\x01\x7f'
     said = f'the daemon answered {junk} to AT+CEVVMCMD?'
@@ -89,16 +91,19 @@ def test_zordctl_check_names_what_it_found_in_one_line_and_its_exit_status():
         Row(['--timeout=300'], [OK, LATE], 6, 'no-answer: ' + NO_ANSWER),
         Row(['--json'], [OK, ID + CELL + ',FDD\r\n' + OK], 0, serving),
         Row(['--json'], [OK, junk + '\r\n' + OK], 9, wrong),
+        Row([], ['HTTP/1.1 400 Bad Request\r\n'], 10, 'foreign: 127.0.0.1:', b'httpd'),
+        Row(['--timeout=300'], [OK, LATE], 10, 'foreign: 127.0.0.1:', b'sshd'),
     ]
     with Run() as run:
         for row in rows:
-            received, status, out, err = stand_in(run, row.args + ['check'], row.answers)
+            received, status, out, err = stand_in(run, row.args + ['check'], row.answers, row.name)
             line = out[:len(row.line)]
             if isinstance(row.line, dict):
                 line = json.loads(out)
                 del line['time']
             eq((received, status, line, out.count('\n'), err),
                (''.join([ON, C, Q][:len(row.answers)]), row.status, row.line, 1, ''), row.answers)
+            assert row.status != 10 or f'held by {row.name.decode()} (process ' in out, out
             assert IMSI not in out, 'check shows no IMSI'
 
 

@@ -22,7 +22,8 @@ enum Status {
   NO_ANSWER = 6,
   NO_MODEM = 7,
   FULL = 8,
-  WRONG_ANSWER = 9
+  WRONG_ANSWER = 9,
+  FOREIGN = 10
 };
 
 // A longer run without a line end is taken as a line of its own.

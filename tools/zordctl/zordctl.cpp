@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -15,6 +16,7 @@
 #include <string_view>
 
 #include "embms/cell_query.h"
+#include "tools/zordctl/holder.h"
 #include "tools/zordctl/link.h"
 #include "zord_version.h"
 
@@ -26,7 +28,8 @@ constexpr int MAX_TIMEOUT_MS = 3600000;
 constexpr Millis SETTLE_MS = 500;
 
 const char USAGE_TEXT[] =
-    "usage: zordctl [--host H] [--port N] [--timeout MS] [--source ADDR] [--json] COMMAND\n"
+    "usage: zordctl [--host H] [--port N] [--timeout MS] [--source ADDR] [--json]\n"
+    "               [--output FILE] COMMAND\n"
     "commands:\n"
     "  cell          print the serving cell: +CEVVMEV:<cell>,<duplex>\n"
     "  identity      print the identity: +CEVVMCMD:<imsi>,<cell>,<duplex>\n"
@@ -45,22 +48,25 @@ const char USAGE_TEXT[] =
     "                since a new client from the daemon's first client's address\n"
     "                drops that client)\n"
     "  --json        cell, identity, watch, check: one JSON object a line\n"
+    "  --output FILE check: write the line to FILE instead, replacing it whole\n"
+    "                (through FILE.new), so that a reader never finds half of it\n"
     "  --version     print the version and exit\n"
     "exit status, and check's result:\n"
     "  0 answered                                    serving\n"
-    "  2 usage error\n"
+    "  2 usage error, or --output cannot be written\n"
     "  3 not reachable                               not-listening\n"
     "  4 refused (ERROR); the modem gives no data    modem-error\n"
     "  5 the daemon closed the connection            closed\n"
     "  6 no answer in time                           no-answer\n"
     "  7 the daemon reaches no AT switch             no-modem\n"
     "  8 closed at once: ten clients served already  full\n"
-    "  9 an answer of the wrong shape                wrong-answer\n";
+    "  9 an answer of the wrong shape                wrong-answer\n"
+    " 10 another program holds the port            foreign\n";
 
 // check's result for each exit status (1 and 2 are not results).
 constexpr const char* RESULTS[] = {
     "serving", "",          "",         "not-listening", "modem-error",
-    "closed",  "no-answer", "no-modem", "full",          "wrong-answer"};
+    "closed",  "no-answer", "no-modem", "full",          "wrong-answer", "foreign"};
 
 enum class Command { NONE, HELP, VERSION, CELL, IDENTITY, WATCH, SEND, CHECK };
 
@@ -69,6 +75,7 @@ struct Options {
   int port = DEFAULT_PORT;
   int timeout_ms = 5000;
   const char* source = nullptr;  // null: the own choice
+  const char* output = nullptr;  // check's file, or null for standard output
   Command command = Command::NONE;
   const char* line = nullptr;  // what `send` sends
   bool json = false;
@@ -231,13 +238,20 @@ int parse_option(int argc, char** argv, int& i, Options& o, bool& port_given) {
   char name[16] = {};
   size_t size = eq == nullptr ? strlen(arg) : static_cast<size_t>(eq - arg);
   if (size < sizeof name) memcpy(name, arg, size);
-  if (!is(name, "--host") && !is(name, "--port") && !is(name, "--timeout") && !is(name, "--source"))
+  if (!is(name, "--host") && !is(name, "--port") && !is(name, "--timeout") &&
+      !is(name, "--source") && !is(name, "--output"))
     return fail(USAGE, "unknown option: %s", arg);
   if (eq == nullptr && i + 1 >= argc) return fail(USAGE, "%s needs a value", name);
   const char* value = eq == nullptr ? argv[++i] : eq + 1;
   if (is(name, "--port")) {
     port_given = true;
     return port_number(name, value, &o.port);
+  }
+  if (is(name, "--output")) {
+    o.output = value;
+    return strlen(value) + 5 <= PATH_MAX && *value != '\0'
+               ? ANSWERED
+               : fail(USAGE, "--output must name a file: %s", value);
   }
   if (is(name, "--timeout")) {
     if (parse_number(value, 1, MAX_TIMEOUT_MS, &o.timeout_ms)) return ANSWERED;
@@ -274,6 +288,8 @@ int parse_command(int argc, char** argv, Options& o) {
     else if (++words == 1)
       o.line = argv[i];
   }
+  if (o.output != nullptr && o.command != Command::CHECK)
+    return fail(USAGE, "--output is for check");
   if (!send) return words == 0 ? ANSWERED : fail(USAGE, "%s takes no arguments", name);
   if (words != 1) return fail(USAGE, "send takes one LINE (quote it if it holds blanks)");
   if (*o.line == '\0' || strpbrk(o.line, "\r\n") != nullptr)
@@ -482,8 +498,24 @@ bool is_cell(std::string_view line) {
   return starts_with(line, "+CEVVMEV:") && f.count == 2 && !f.at[0].empty() && f.at[0] != "NULL";
 }
 
+// Whether a line could come from zord: its own answers, and what a modem
+// says (an information line, a result code, an echo), which zord passes on.
+bool is_at_line(std::string_view line) {
+  static constexpr std::string_view STARTS[] = {"+",    "%",     "^",       "*",
+                                                "$",    "AT",    "OK",      "ERROR",
+                                                "RING", "BUSY",  "CONNECT", "NO CARRIER",
+                                                "NO ANSWER", "NO DIALTONE"};
+  for (std::string_view start : STARTS)
+    if (starts_with(line, start)) return true;
+  return !line.empty() && line[0] >= '0' && line[0] <= '9';  // a numeric result code
+}
+
+// The first answer of the probe that is not an AT line, if any.
+Line alien = "";
+
 // An answer of the wrong shape, named by a line of it, but an identity line.
 int wrong(const char* line, const char* sent) {
+  if (alien[0] == '\0' && !is_at_line(line)) snprintf(alien, sizeof alien, "%s to %s", line, sent);
   if (starts_with(line, "+CEVVMCMD:"))
     return fail(WRONG_ANSWER,
                 "the daemon's answer to %s is of the wrong shape (its identity "
@@ -551,7 +583,40 @@ void report(const Options& o, int status, std::string_view identity) {
     }
     add("}\n");
   }
-  flush(STDOUT_FILENO);
+}
+
+// Standard output, or the --output file put in place whole.
+int put(const Options& o, int status) {
+  if (o.output == nullptr) return flush(STDOUT_FILENO), status;
+  char temporary[PATH_MAX];
+  snprintf(temporary, sizeof temporary, "%s.new", o.output);
+  int fd = open(temporary, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  size_t size = out.size;
+  bool written = fd >= 0 && write(fd, out.text, size) == static_cast<ssize_t>(size);
+  if (fd >= 0 && close(fd) != 0) written = false;
+  if (written && rename(temporary, o.output) == 0) return status;
+  out.size = 0;
+  addf("zordctl: cannot write %s: %s\n", o.output, strerror(errno));
+  flush(STDERR_FILENO);
+  return USAGE;
+}
+
+// A failure that another program on the port would cause is put down to it
+// when the port's holder is not zord, or, where the holder cannot be told
+// (another host, or a process this user may not look into), when it
+// answered what no AT line holds.
+int foreign(const Options& o, const Link& link, int status) {
+  if (status != CLOSED && status != NO_ANSWER && status != FULL && status != WRONG_ANSWER)
+    return status;
+  Holder holder;
+  if (port_holder(link.remote.sin_addr, o.port, holder))
+    return is(holder.name, "zord") ? status
+                                   : fail(FOREIGN, "%s:%d is held by %s (process %d), not by zord",
+                                          o.host, o.port, holder.name, holder.pid);
+  if (status == WRONG_ANSWER && alien[0] != '\0')
+    return fail(FOREIGN, "the program on %s:%d answered %.80s, which zord never does", o.host,
+                o.port, alien);
+  return status;
 }
 
 // --timeout bounds the whole probe. Whatever happens, one line goes to
@@ -562,10 +627,10 @@ int check(const Options& o) {
   link.timeout_ms = o.timeout_ms;
   Line identity = "";
   int status = link_connect(link, o.host, o.port, o.source, deadline);
-  if (status == ANSWERED) status = probe(link, deadline, identity);
+  if (status == ANSWERED) status = foreign(o, link, probe(link, deadline, identity));
   link_close(link);
   report(o, status, identity);
-  return status;
+  return put(o, status);
 }
 
 }  // namespace
