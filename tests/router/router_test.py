@@ -4,7 +4,7 @@
 # script through procd's dispatch and hotplug-call with the real
 # network.sh, and what it says in logd's log. atsw-sim plays the AT switch.
 from harness import *  # from tests/e2e, on PYTHONPATH
-import collections, json
+import collections, gzip, json
 import router as openwrt  # tools/openwrt
 
 ROOT = os.environ['ZT_ROUTER_ROOT']
@@ -261,20 +261,56 @@ def test_restarts_zord_for_ten_idle_connections():
     restarted(ten_idle_connections, 'full')
 
 
-# A second wedge soon after a restart waits for restart_interval.
-def test_a_second_restart_waits_for_restart_interval():
-    with Zord(**dict(SHORT, restart_interval=20)) as r:
-        two_lines_in_one_segment(r)
-        assert r.wait(lambda: r.said('restarting zord'), 2 * NOTICED), 'no restart'
-        first = r.pid()
-        assert r.wait(lambda: r.pid() not in ('', first) and r.answers(), RESPAWN + WAIT)
-        two_lines_in_one_segment(r)
-        assert r.wait(lambda: r.said('not restarting zord'), 2 * NOTICED), r.said('')
-        held = r.said('not restarting zord')[0]
-        assert held.endswith('(restart_interval 20)'), held
-        eq(len(r.said('restarting zord')) - 1, 1, 'restarts while held')
-        assert r.wait(lambda: len(r.said('; restarting zord')) == 2, 20 + NOTICED), 'never again'
-        assert r.wait(lambda: r.status()['restarts'] == 2), r.status()  # counted
+# A wedge right after a restart is restarted as soon as it is found; when it
+# keeps coming back, restarts back off to restart_interval apart; a zord that
+# has served that long starts the back-off over. procd starts zord at once.
+def test_restarts_back_off_and_start_over_after_serving():
+    fast = dict(SHORT, check_interval=1, check_timeout=1000, restart_interval=8)
+    with Zord(start=False, **fast) as r:
+        r.ok('/etc/init.d/zord enable && respawn_timeout=0 /etc/init.d/zord start')
+        restarts = []  # when each came, by the clock here
+
+        def wedge_and_restart():
+            assert r.wait(lambda: r.pid() and r.answers(), RESPAWN + WAIT), 'not serving'
+            two_lines_in_one_segment(r)
+            began = time.monotonic()
+            assert wait_until(lambda: len(r.said('; restarting zord')) > len(restarts), 30)
+            restarts.append(time.monotonic())
+            return restarts[-1] - began
+
+        for _ in range(5):
+            wedge_and_restart()
+        gaps = [b - a for a, b in zip(restarts, restarts[1:])]
+        # Allowed 1 s apart, then 2, 4 and 8 (step 1 x (2 - 1), doubled, up to 8).
+        assert gaps[3] >= 7.5 > gaps[0], gaps
+        held = r.said('not restarting zord yet')
+        assert held[-1].endswith('back off to 8 s apart (restart_interval 8)'), held
+        assert r.wait(lambda: r.answers(), RESPAWN + WAIT), 'not serving'
+        time.sleep(8 + 2)  # served for restart_interval
+        for _ in range(2):
+            assert wedge_and_restart() <= 4 * NOTICED, 'held back after serving'
+        assert r.wait(lambda: r.status()['restarts'] == 7), r.status()  # counted
+
+
+# Another program on the client port (zord, started after it, cannot bind
+# it): named once, and zord is not restarted while it holds the port; once
+# it has gone, zord is restarted and serves again.
+def test_a_foreign_program_on_the_port_is_named_once_and_outwaited():
+    with Zord(start=False, **SHORT) as r:
+        r.start(['nc', '-ll', '-p', '6666', '-e', 'cat'])  # an echo server
+        assert r.wait(lambda: r.sh('netstat -ltn | grep -q :6666')[0] == 0), 'nc is not listening'
+        r.ok('/etc/init.d/zord enable && /etc/init.d/zord start')
+        assert r.wait(lambda: r.status()['check'] and r.status()['check']['result'] == 'foreign')
+        since = r.status()['check_time']
+        assert r.wait(lambda: r.status()['check_time'] >= since + 3 * 2), 'no more probes'
+        said = [re.sub(r'process \d+', 'process N', l) for l in r.said('')]
+        eq(said, [
+            'daemon.notice zord: watchdog: another program holds zord\'s client port (127.0.0.1:6666 is'
+            ' held by nc (process N), not by zord); zord is not restarted while it does'
+        ], 'the system log')
+        r.ok('killall nc')
+        assert r.wait(lambda: r.said('; restarting zord'), 2 * NOTICED), r.said('')
+        assert r.wait(r.answers, RESPAWN + WAIT), 'not serving'
 
 
 # Three probes in a row find nothing a restart would cure (two would do).
@@ -327,9 +363,12 @@ def test_a_probe_that_cannot_run_is_named_once_and_restarts_nothing():
             assert r.wait(lambda: r.status()['probe_error'] == status, 2 * NOTICED), r.status()
             since = r.status()['check_time']
             assert r.wait(lambda: r.status()['check_time'] >= since + 3 * 2, 4 * NOTICED)
-            said.append(f'zord: watchdog: zordctl check cannot run (status {status}); zord is not'
-                        ' judged until it can')
-            eq(([l[l.index('zord:'):] for l in r.said('')], r.pid()), (said, first), command)
+            said.append(f'zord: watchdog: zordctl check cannot run (status {status}: ')
+            lines = [l[l.index('zord:'):] for l in r.said('')]
+            eq(len(lines), len(said), command)
+            for line, start in zip(lines, said):
+                assert line.startswith(start) and 'zordctl' in line[len(start):], line
+            eq(r.pid(), first, command)
 
 
 # zord starts once the switch's sockets are there, when they are there at
@@ -436,23 +475,27 @@ def test_the_hotplug_script_hands_the_wan_addresses_to_zord():
             expect(subscriber, None, f'+CEVVMEV:{cell},FDD,{changed}\r\n', control)
 
 
-def test_the_log_stays_within_its_budget_and_keeps_the_newest_entries():
+# Under load the log is moved on, compressed, into its .1.gz and .2.gz,
+# within the budget; together they are the log as zord wrote it, in order,
+# every query's entries there but those of the instants between a last look
+# and an emptying.
+def test_the_log_keeps_its_history_within_its_budget():
     budget = 1024 * 1024
     with Zord(**dict(SHORT, check_interval=0, log_max_kb=1024)) as r:
-        log, client, sizes = '/tmp/logs/zord-vvm-app.log', r.client(), []
-
-        def loaded():  # one query more; the pauses between keep the log below 384 KB a second
+        log, client, sizes, asked = '/tmp/logs/zord-vvm-app.log', r.client(), [], 0
+        files = [log + '.2.gz', log + '.1.gz', log]
+        while r.status()['log']['rotations'] < 3:
             expect(client, 'AT+CEVVMEV?\r\n', EV, 'a query under load')
-            sizes.append(len(r.read(log)) + len(r.read(log + '.1')))
-            return r.status()['log']['rotations'] >= 2
-
-        assert wait_until(loaded, 10 * WAIT), 'fewer than two rotations'
+            asked += 1
+            sizes.append(sum(os.path.getsize(r.path(f)) for f in files if r.read(f)))
         eq((r.status()['log']['max_bytes'], max(sizes) <= budget), (budget, True), max(sizes))
-        kept = r.read(log + '.1')
-        assert len(kept) <= budget // 8 and kept.endswith('\n'), f'{len(kept)} bytes kept'
-        assert re.match(r'\d\d:\d\d:\d\d\.\d{3} ', kept), 'the kept part begins with an entry'
-        expect(client, 'AT+CEVVMEV?\r\n', EV, 'zord answers on')
-        assert DONE in kept and DONE in r.log(), 'the newest answers in the log'
+        kept = b''.join(
+            gzip.decompress(open(r.path(f), 'rb').read()) for f in files[:2] if r.read(f))
+        kept = kept.decode('latin-1') + r.log()
+        times = re.findall(r'^(\d\d:\d\d:\d\d\.\d{3}) ', kept, re.M)
+        assert times == sorted(times) and re.match(r'\d\d:\d\d:\d\d\.\d{3} ', kept), 'in order'
+        lost = asked - kept.count(DONE)
+        assert 0 <= lost <= r.status()['log']['rotations'], f'{lost} of {asked} answers lost'
 
 
 # What the feed's CI runs after installing each package.
