@@ -77,19 +77,20 @@ def test_zordctl_check_names_what_it_found_in_one_line_and_its_exit_status():
     Row = collections.namedtuple('Row', 'args answers status line name', defaults=[b'zord'])
     parts = {'cell': CELL, 'plmn': '310410', 'tac': '1A2B', 'cell_id': '1A2D101', 'duplex': 'FDD'}
     junk = 'x"\\\x01\x7f'
-    said = f'the daemon answered {junk} to AT+CEVVMCMD?'
+    said = f'the daemon answered {junk} to AT+CEVVMEV?'
     serving = dict(parts, result='serving', status=0, registered=True)
     wrong = dict(result='wrong-answer', status=9, message=said)
+    cell, nulls = f'+CEVVMEV:{CELL},FDD\r\n', '+CEVVMEV:NULL,NULL\r\n'
     rows = [
-        Row([], [OK, ID + CELL + ',FDD\r\n|' + OK], 0, f'serving: registered on {CELL}, FDD\n'),
-        Row([], [OK, ID + 'NULL,NULL\r\n' + OK], 0, 'serving: not registered\n'),
-        Row([], [OK, ER, '+CEVVMEV:NULL,NULL\r\n'], 7, 'no-modem: the daemon reaches no AT'),
+        Row([], [OK, cell], 0, f'serving: registered on {CELL}, FDD\n'),
+        Row([], [OK, nulls, ID + 'NULL,NULL\r\n' + OK], 0, 'serving: not registered\n'),
+        Row([], [OK, nulls, ER], 7, 'no-modem: the daemon reaches no AT'),
         Row([], [OK, ER, ER], 4, 'modem-error: the modem answers but gives no IMSI, operator'),
-        Row([], [OK, ER, '+CEVVMEV:NULL\r\n'], 9, 'wrong-answer: the daemon answered +CEVVMEV:'),
-        Row([], [OK, OK], 9, 'wrong-answer: the daemon answered OK to AT+CEVVMCMD?\n'),
-        Row([], [OK, ID + 'NULL\r\n' + OK], 9, "wrong-answer: the daemon's answer to AT+CEVVMCMD"),
-        Row(['--timeout=300'], [OK, LATE], 6, 'no-answer: ' + NO_ANSWER),
-        Row(['--json'], [OK, ID + CELL + ',FDD\r\n' + OK], 0, serving),
+        Row([], [OK, '+CEVVMEV:NULL\r\n'], 9, 'wrong-answer: the daemon answered +CEVVMEV:'),
+        Row([], [OK, ER, OK], 9, 'wrong-answer: the daemon answered OK to AT+CEVVMCMD?\n'),
+        Row([], [OK, nulls, ID + 'NULL\r\n' + OK], 9, "wrong-answer: the daemon's answer to"),
+        Row(['--timeout=300'], [OK, LATE], 6, 'no-answer: ' + NO_ANSWER.replace('CMD', 'EV')),
+        Row(['--json'], [OK, cell], 0, serving),
         Row(['--json'], [OK, junk + '\r\n' + OK], 9, wrong),
         Row([], ['HTTP/1.1 400 Bad Request\r\n'], 10, 'foreign: 127.0.0.1:', b'httpd'),
         Row(['--timeout=300'], [OK, LATE], 10, 'foreign: 127.0.0.1:', b'sshd'),
@@ -102,7 +103,7 @@ def test_zordctl_check_names_what_it_found_in_one_line_and_its_exit_status():
                 line = json.loads(out)
                 del line['time']
             eq((received, status, line, out.count('\n'), err),
-               (''.join([ON, C, Q][:len(row.answers)]), row.status, row.line, 1, ''), row.answers)
+               (''.join([ON, Q, C][:len(row.answers)]), row.status, row.line, 1, ''), row.answers)
             assert row.status != 10 or f'held by {row.name.decode()} (process ' in out, out
             assert IMSI not in out, 'check shows no IMSI'
 

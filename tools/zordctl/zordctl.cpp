@@ -524,39 +524,53 @@ int wrong(const char* line, const char* sent) {
   return fail(WRONG_ANSWER, "the daemon answered %.80s to %s", line, sent);
 }
 
-// The probe itself: one line at a time, each answer read whole. `identity`
-// gets the identity line when the daemon serves.
-int probe(Link& link, Millis deadline, Line& identity) {
-  Answer on, who, where;
+// What a serving daemon said: the cell answer, or the identity line when
+// the cell query gave no cell; never shown whole (the identity holds the IMSI).
+struct Served {
+  Line line = "";
+  bool identity = false;
+};
+
+// The probe itself: one line at a time, each answer read whole. The cell
+// query goes the whole road (queue, command server, AT switch, modem) and
+// writes the least to the daemon's log; only when it gives no cell does the
+// identity query tell a modem out of coverage (an identity with a NULL
+// cell), a daemon without an AT switch (ERROR after NULL,NULL: it answers
+// those without asking anyone) and a failing modem apart.
+int probe(Link& link, Millis deadline, Served& served) {
+  Answer on, where, who;
   int status = ask(link, "AT+CEVVMCMD=1", deadline, on);
   if (status != ANSWERED) return status;
   if (!is(on.first, "OK")) return wrong(on.first, "AT+CEVVMCMD=1");
+  if ((status = ask(link, "AT+CEVVMEV?", deadline, where)) != ANSWERED) return status;
+  if (where.count == 1 && is_cell(where.last)) {
+    memcpy(served.line, where.last, sizeof served.line);
+    return ANSWERED;
+  }
+  bool null = where.count == 1 && is(where.last, "+CEVVMEV:NULL,NULL");
+  if (!null && (where.count != 1 || !is(where.last, "ERROR")))
+    return wrong(where.first, "AT+CEVVMEV?");
   if ((status = ask(link, "AT+CEVVMCMD?", deadline, who)) != ANSWERED) return status;
   bool named = is_identity(who.first);
   if (who.count == 2 && named && is(who.last, "OK")) {
-    memcpy(identity, who.first, sizeof identity);
+    memcpy(served.line, who.first, sizeof served.line);
+    served.identity = true;
     return ANSWERED;
   }
   if (who.count != 1 || !is(who.last, "ERROR"))
     return wrong(named && who.count == 2 ? who.last : who.first, "AT+CEVVMCMD?");
-  // No identity: the cell query tells a daemon without an AT switch (it
-  // answers NULL,NULL without asking anyone) from a modem that fails.
-  if ((status = ask(link, "AT+CEVVMEV?", deadline, where)) != ANSWERED) return status;
-  if (where.count == 1 && is(where.last, "+CEVVMEV:NULL,NULL"))
+  if (null)
     return fail(NO_MODEM,
-                "the daemon reaches no AT switch: AT+CEVVMCMD? got ERROR and "
-                "AT+CEVVMEV? +CEVVMEV:NULL,NULL");
-  if (where.count == 1 && (is(where.last, "ERROR") || is_cell(where.last)))
-    return fail(REFUSED,
-                "the modem answers but gives no IMSI, operator or duplex mode: "
-                "AT+CEVVMCMD? got ERROR and AT+CEVVMEV? %.80s",
-                where.last);
-  return wrong(where.first, "AT+CEVVMEV?");
+                "the daemon reaches no AT switch: AT+CEVVMEV? got +CEVVMEV:NULL,NULL and "
+                "AT+CEVVMCMD? ERROR");
+  return fail(REFUSED,
+              "the modem answers but gives no IMSI, operator or duplex mode: AT+CEVVMEV? got "
+              "ERROR and AT+CEVVMCMD? ERROR");
 }
 
-void report(const Options& o, int status, std::string_view identity) {
-  Fields f = split(identity);
-  std::string_view cell = f.at[1], duplex = f.at[2];
+void report(const Options& o, int status, const Served& served) {
+  Fields f = split(served.line);
+  std::string_view cell = f.at[served.identity ? 1 : 0], duplex = f.at[served.identity ? 2 : 1];
   bool registered = status == ANSWERED && cell != "NULL";
   if (!o.json && status != ANSWERED) addf("%s: %s\n", RESULTS[status], failure);
   if (!o.json && status == ANSWERED && !registered) add("serving: not registered\n");
@@ -625,11 +639,11 @@ int check(const Options& o) {
   Millis deadline = now_ms() + o.timeout_ms;
   Link link;
   link.timeout_ms = o.timeout_ms;
-  Line identity = "";
+  Served served;
   int status = link_connect(link, o.host, o.port, o.source, deadline);
-  if (status == ANSWERED) status = foreign(o, link, probe(link, deadline, identity));
+  if (status == ANSWERED) status = foreign(o, link, probe(link, deadline, served));
   link_close(link);
-  report(o, status, identity);
+  report(o, status, served);
   return put(o, status);
 }
 
