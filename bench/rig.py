@@ -224,27 +224,46 @@ class Rig:
         self.start_sim()
         self.start_zord()
 
-    def start_sim(self):
-        """The root, the port, the environment and the simulator."""
+    def make_root(self):
+        """The root, the port and the environment, without the simulator."""
         self.root = tempfile.mkdtemp(prefix="zb", dir="/tmp")
         os.makedirs(self.root + "/tmp/logs")
         self.port = free_port()
         uci = os.path.join(self.srcdir, "tools", "uci-sim")
         self.env = dict(os.environ, ZORD_ROOT=self.root, ZORD_PORT=str(self.port),
                         PATH=uci + ":" + os.environ.get("PATH", "/usr/bin:/bin"))
+        self.log = LogWatch(self.root + LOG)
+
+    def start_sim(self):
+        """The root, the port and the environment when there are none yet, and
+        the simulator: a fresh one, or one that comes back in the same root
+        (over the socket files a simulator before it left)."""
+        if self.root is None:
+            self.make_root()
+        ctl = self.root + "/tmp/atsw-sim.ctl"
+        if os.path.exists(ctl):
+            os.unlink(ctl)  # left by a simulator before: ours is there once it is made again
         self.sim_err = open(self.root + "/sim.err", "wb")
         self.sim = subprocess.Popen([self.bindir + "/tools/atsw-sim/atsw-sim"], env=self.env,
                                     stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
                                     stderr=self.sim_err)
-        ctl = self.root + "/tmp/atsw-sim.ctl"
         wait_until(lambda: os.path.exists(ctl) or self.sim.poll() is not None, "atsw-sim")
         if self.sim.poll() is not None:
             raise BenchError("atsw-sim ended: " + open(self.root + "/sim.err").read())
-        self.ctl_sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self.ctl_sock.settimeout(WAIT_S)
-        self.ctl_sock.connect(ctl)
+        # The file is there once bound; the simulator listens a moment later.
+        deadline = now() + WAIT_S
+        while True:
+            self.ctl_sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+            self.ctl_sock.settimeout(WAIT_S)
+            try:
+                self.ctl_sock.connect(ctl)
+                break
+            except ConnectionRefusedError:
+                self.ctl_sock.close()
+                if now() > deadline:
+                    raise BenchError("atsw-sim does not listen on " + ctl)
+                time.sleep(0.002)
         self.ctl("quote off")
-        self.log = LogWatch(self.root + LOG)
 
     def start_zord(self):
         launcher = [word.format(root=self.root) for word in self.launcher]
@@ -257,6 +276,22 @@ class Rig:
         if self.zord.poll() is not None:
             raise BenchError("zord ended at start with status %d" % self.zord.returncode)
         self.log.mark()
+
+    def end_sim(self, sig=signal.SIGTERM):
+        """Ends the simulator alone. It leaves its socket files behind either
+        way (SIGKILL or not), as a switch that died would."""
+        if self.sim is None:
+            return
+        self.sim.send_signal(sig)
+        try:
+            self.sim.wait(timeout=WAIT_S)
+        except subprocess.TimeoutExpired:
+            self.sim.kill()
+            self.sim.wait()
+        self.ctl_sock.close()
+        self.sim.stdin.close()
+        self.sim_err.close()
+        self.sim = self.ctl_sock = None
 
     def stop(self):
         """Ends zord by SIGTERM (so that a valgrind tool writes its output) and
