@@ -4,7 +4,7 @@
 # script through procd's dispatch and hotplug-call with the real
 # network.sh, and what it says in logd's log. atsw-sim plays the AT switch.
 from harness import *  # from tests/e2e, on PYTHONPATH
-import collections, gzip, json
+import collections, gzip, json, shutil
 import router as openwrt  # tools/openwrt
 
 ROOT = os.environ['ZT_ROUTER_ROOT']
@@ -24,8 +24,10 @@ RPCD_LOGIN = '''config login
 '''  # the password: status
 
 
-def config(**options):
-    return "config zord 'main'\n" + ''.join(f"\toption {k} '{v}'\n" for k, v in options.items())
+def config(**options):  # a list for a list value
+    lines = [(k, w) for k, v in options.items() for w in (v if isinstance(v, list) else [v])]
+    return "config zord 'main'\n" + ''.join(
+        f"\t{'list' if isinstance(options[k], list) else 'option'} {k} '{w}'\n" for k, w in lines)
 
 
 # A booted router with the package installed and, unless sim=False, the
@@ -132,15 +134,14 @@ def test_lifecycle_under_procd():
 def test_system_log_lines_tags_and_facilities():
     with Zord(sim=False, **dict(SHORT, check_failures='x')) as r:
         zord = r.pid()
-        Row = collections.namedtuple('Row', 'line')
-        rows = [
-            Row(f'daemon.err zord[{zord}]: connect: Connection refused'),  # no switch configured
-            Row("daemon.warn zord: check_failures 'x' is not and(uinteger,min(1)); using 3"),
-            Row('daemon.notice zord: watchdog: zord reaches no AT switch, and nothing listens on'
-                " the switch's sockets; waiting for the switch"),
+        lines = [
+            f'daemon.err zord[{zord}]: connect: Connection refused',  # no switch configured
+            "daemon.warn zord: check_failures 'x' is not and(uinteger,min(1)); using 3",
+            'daemon.notice zord: watchdog: zord reaches no AT switch, and nothing listens on'
+            " the switch's sockets; waiting for the switch",
         ]
-        for row in rows:
-            assert r.wait(lambda: row.line in r.syslog()), (row.line, r.syslog())
+        for line in lines:
+            assert r.wait(lambda: line in r.syslog()), (line, r.syslog())
 
 
 def test_the_service_gives_procd_an_instance_per_duty():
@@ -165,7 +166,8 @@ def test_the_service_gives_procd_an_instance_per_duty():
             eq({k: v[1] for k, v in r.instances().items()}, row.commands, row.options)
 
 
-# The ACL lets a limited rpcd login read zord's status and nothing else.
+# The ACL lets a limited rpcd login read zord's status and nothing else; the
+# status says whether logd is there.
 def test_status_through_rpcd_and_its_acl():
     with Zord(files={'/etc/config/rpcd': RPCD_LOGIN}, **SHORT) as r:
         assert r.wait(lambda: r.status()['check']), 'no probe'
@@ -183,14 +185,8 @@ def test_status_through_rpcd_and_its_acl():
             eq(
                 json.loads(r.ok(f"ubus call session access '{asked}'"))['access'], allowed,
                 (obj, function))
-
-
-def test_status_says_when_logd_is_not_there():
-    with Zord(**SHORT) as r:
         r.ok('/etc/init.d/log stop')
         assert r.wait(lambda: not r.status()['system_log']), 'system_log still true'
-        r.ok('/etc/init.d/log start')
-        assert r.wait(lambda: r.status()['system_log']), 'system_log false with logd'
 
 
 # The wedges. A modem that goes silent while it has a command: answering
@@ -206,23 +202,6 @@ def silent_modem(r):
 def two_lines_in_one_segment(r):
     r.keep = r.client()
     r.keep.sendall(b'AT+CEVVMEV?\r\nAT+CEVVMEV?\r\n')
-
-
-# With a small window, large answers soon fill what the daemon may send. A
-# few lines are in flight at a time, so that the queue never overflows.
-def client_stops_reading(r):
-    r.modem(r'answer ATE9 \r\n' + 'x' * 1900 + r'\r\n\r\nOK\r\n')
-    r.keep = socket.socket()
-    r.keep.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 2048)
-    r.keep.bind(('127.0.0.77', 0))
-    r.keep.connect(('127.0.0.1', 6666))
-    expect(r.keep, 'AT+CEVVMCMD=1\r\n', 'OK\r\n', 'enabling')
-    base = r.log().count(DONE)
-    for sent in range(100):
-        r.keep.sendall(b'ATE9\r\n')
-        if not wait_until(lambda: r.log().count(DONE) - base > sent - 3, 2.0):
-            return
-    raise AssertionError('the daemon kept writing to a client that does not read')
 
 
 def ten_idle_connections(r):
@@ -247,14 +226,6 @@ def restarted(wedge, cause):
 
 def test_restarts_zord_for_a_silent_modem():
     restarted(silent_modem, 'no-answer')
-
-
-def test_restarts_zord_for_two_lines_in_one_segment():
-    restarted(two_lines_in_one_segment, 'no-answer')
-
-
-def test_restarts_zord_for_a_client_that_stops_reading():
-    restarted(client_stops_reading, 'no-answer')
 
 
 def test_restarts_zord_for_ten_idle_connections():
@@ -343,6 +314,9 @@ def test_without_the_switch_zord_is_restarted_only_once_it_listens():
             r.ok('/etc/init.d/zord enable && /etc/init.d/zord start')
             assert r.wait(r.pid), 'no zord'
             first = r.pid()
+            # The switch comes once zord has tried both of its sockets.
+            tried = ('start reading UNSOL', 'cannot open connection to AT switch')
+            assert r.wait(lambda: all(t in r.log() for t in tried)), 'zord did not try'
             if comes == 'after three probes':
                 three_more_probes(r)
                 eq((r.status()['check']['result'], r.pid()), ('no-modem', first), 'no AT switch')
@@ -363,12 +337,11 @@ def test_a_probe_that_cannot_run_is_named_once_and_restarts_nothing():
             assert r.wait(lambda: r.status()['probe_error'] == status, 2 * NOTICED), r.status()
             since = r.status()['check_time']
             assert r.wait(lambda: r.status()['check_time'] >= since + 3 * 2, 4 * NOTICED)
-            said.append(f'zord: watchdog: zordctl check cannot run (status {status}: ')
-            lines = [l[l.index('zord:'):] for l in r.said('')]
-            eq(len(lines), len(said), command)
-            for line, start in zip(lines, said):
-                assert line.startswith(start) and 'zordctl' in line[len(start):], line
-            eq(r.pid(), first, command)
+            said.append(f'zord: watchdog: zordctl check cannot run (status {status}); zord is not'
+                        ' judged until it can')  # less what the shell said of zordctl
+            lines = [re.sub(r'(status \d+): [^;]*zordctl[^;]*\)', r'\1)', l[l.index('zord:'):])
+                     for l in r.said('')]
+            eq((lines, r.pid()), (said, first), command)
 
 
 # zord starts once the switch's sockets are there, when they are there at
@@ -496,6 +469,93 @@ def test_the_log_keeps_its_history_within_its_budget():
         assert times == sorted(times) and re.match(r'\d\d:\d\d:\d\d\.\d{3} ', kept), 'in order'
         lost = asked - kept.count(DONE)
         assert 0 <= lost <= r.status()['log']['rotations'], f'{lost} of {asked} answers lost'
+
+
+# The firewall: fw4 (enabled in the router) renders the service's rules and
+# the per-host limits into the ruleset that Debian's nft loads into this
+# network namespace, where hosts on veth links meet them; a change of them
+# reloads it, a stop takes them away.
+FIREWALL = dict(client_address=['192.168.1.8/29'], host_connections=2, host_rate=12, host_burst=3)
+NETIFD = {'interface': [
+    dict(interface=name, up=True, device=dev, l3_device=dev, **{'ipv4-address': [{'address': a, 'mask': 24}]})
+    for name, dev, a in [('lan', 'lan0', '192.168.1.1'), ('wan', 'wan0', '10.0.0.1')]]}
+
+
+def firewalled(**options):
+    shutil.which('nft') or openwrt.skip('no nft here, nor in the root (apt-get install nftables)')
+    r = Zord(start=False, **SHORT, **options)
+    r.ok(f"echo '{json.dumps(NETIFD)}' >/tmp/netifd.json")  # the zones' devices
+    r.ok('/etc/init.d/firewall enable && /etc/init.d/firewall start')
+    r.ok('/etc/init.d/zord enable && /etc/init.d/zord start')
+    assert r.wait(lambda: 'ct count over' in r.ok('nft list ruleset')), 'not loaded'
+    return r
+
+
+# What each connection attempt from a host met.
+TRY = r"""
+import json, socket, sys, time
+held, got = [], []
+for source, keep in json.loads(sys.argv[1]):
+    s = socket.socket()
+    s.settimeout(1.5)
+    s.bind((source, 0))
+    try:
+        s.connect(('192.168.1.1' if source.startswith('192') else '10.0.0.1', 6666))
+        got.append('open')
+        held.append(s) if keep else (s.close(), time.sleep(0.2))  # closed, also for zord
+    except ConnectionRefusedError:
+        got.append('refused')
+    except socket.timeout:
+        got.append('dropped')
+print(json.dumps(got))
+"""
+
+
+def test_the_firewall_renders_the_rules_holds_and_takes_them_away():
+    hosts = {}
+
+    def host(link, router, *addresses):  # a network namespace of its own, and its link
+        p = subprocess.Popen(['unshare', '--net', 'sleep', str(10 * WAIT)])
+        wait_until(lambda: os.readlink(f'/proc/{p.pid}/ns/net') != os.readlink('/proc/self/ns/net'))
+        inside = ['nsenter', '-t', str(p.pid), '-n']
+        for command in [f'ip link add {link} type veth peer name eth0 netns {p.pid}',
+                        f'ip addr add {router}/24 dev {link}', f'ip link set {link} up']:
+            subprocess.run(command.split(), check=True)
+        for command in ['ip link set lo up', 'ip link set eth0 up'] + [
+                f'ip addr add {a}/24 dev eth0' for a in addresses]:
+            subprocess.run(inside + command.split(), check=True)
+        hosts[link] = (p, inside)
+
+    with firewalled(**FIREWALL) as r:
+        printed = r.ok('fw4 print 2>/dev/null | tee /tmp/ruleset.nft')
+        r.ok('nft -c -f /tmp/ruleset.nft')
+        assert 'ubus:zord' in printed and 'include "/var/run/zord/firewall.nft"' in printed
+        host('lan0', '192.168.1.1', '192.168.1.10', '192.168.1.11', '192.168.1.12', '192.168.1.20')
+        host('wan0', '10.0.0.1', '10.0.0.2')
+        r.ok('/etc/init.d/firewall reload')  # the zones' devices are there now
+        tries = lambda link, plan: json.loads(subprocess.run(
+            hosts[link][1] + [sys.executable, '-c', TRY, json.dumps(plan)], check=True,
+            capture_output=True, text=True).stdout)
+        try:
+            accepted = lambda: r.log().count('connection accepted from')
+            before = accepted()
+            eq(tries('lan0', [('192.168.1.20', 0)]) + tries('wan0', [('10.0.0.2', 0)]),
+               ['refused', 'refused'], 'unlisted, and the WAN zone')
+            eq(accepted(), before, 'zord saw them')
+            eq(tries('lan0', [('192.168.1.12', 1)] * 3), ['open', 'open', 'refused'], 'the cap')
+            eq(tries('lan0', [('192.168.1.11', 0)] * 5), ['open'] * 3 + ['dropped'] * 2, 'the rate')
+            cell = subprocess.run(hosts['lan0'][1] + [os.environ['ZT_ZORDCTL'], '--host',
+                                  '192.168.1.1', '--source', '192.168.1.10', 'cell'],
+                                  capture_output=True, text=True, timeout=WAIT)
+            eq((cell.returncode, cell.stdout), (0, EV.strip() + '\n'), 'a listed address')
+            assert r.sh('zordctl check')[0] == 0, 'over loopback'
+            r.ok('uci set zord.main.host_connections=3 && uci commit zord && reload_config')
+            assert r.wait(lambda: 'ct count over 3' in r.ok('nft list ruleset')), 'not reloaded'
+            r.ok('/etc/init.d/zord stop')
+            assert r.wait(lambda: 'zord' not in r.ok('nft list ruleset')), 'left behind'
+        finally:
+            for p, _ in hosts.values():
+                p.kill()
 
 
 # What the feed's CI runs after installing each package.

@@ -93,7 +93,6 @@ def test_zordctl_check_names_what_it_found_in_one_line_and_its_exit_status():
         Row(['--json'], [OK, cell], 0, serving),
         Row(['--json'], [OK, junk + '\r\n' + OK], 9, wrong),
         Row([], ['HTTP/1.1 400 Bad Request\r\n'], 10, 'foreign: 127.0.0.1:', b'httpd'),
-        Row(['--timeout=300'], [OK, LATE], 10, 'foreign: 127.0.0.1:', b'sshd'),
     ]
     with Run() as run:
         for row in rows:

@@ -64,7 +64,8 @@ def depends():
 
 # The package's install recipes, as `$(INSTALL_X) SOURCE $(1)/TARGET` lines:
 # ./files/... from the package folder, $(PKG_INSTALL_DIR)/... from zord's
-# own install (as the SDK's CMake rules make it).
+# own install (as the SDK's CMake rules make it); and its `$(LN) TARGET
+# $(1)/LINK` links.
 def install_package(root, staged):
     for kind, source, target in re.findall(r'^\t\$\(INSTALL_(BIN|DATA|CONF)\) (\S+) \$\(1\)(\S+)$',
                                            package_makefile(), re.M):
@@ -73,6 +74,9 @@ def install_package(root, staged):
             target += os.path.basename(source)
         copy(source, root + target)
         os.chmod(root + target, 0o755 if kind == 'BIN' else 0o644 if kind == 'DATA' else 0o600)
+    for target, link in re.findall(r'^\t\$\(LN\) (\S+) \$\(1\)(\S+)$', package_makefile(), re.M):
+        os.makedirs(os.path.dirname(root + link), exist_ok=True)
+        os.symlink(target, root + link)
 
 
 def elf(path):
@@ -152,6 +156,9 @@ def main():
             os.makedirs(os.path.dirname(f'{root}/{applet}'), exist_ok=True)
             os.symlink('/bin/busybox', f'{root}/{applet}')
     copy(shutil.which('flock'), root + '/usr/bin/flock')
+    # Debian's nft, which fw4 hands its ruleset to, where this machine has it.
+    if shutil.which('nft'):
+        copy(shutil.which('nft'), root + '/usr/sbin/nft')
 
     # zord and zordctl as the package installs them, atsw-sim as the switch.
     staged = root + '.install'
