@@ -39,10 +39,10 @@ unsigned long listening_inode(in_addr address, int port) {
       char local[33] = {};
       unsigned local_port = 0, state = 0;
       unsigned long inode = 0;
-      if (sscanf(line, " %*d: %32[0-9A-F]:%4X %*32[0-9A-F]:%*4X %2X %*X:%*X %*X:%*X %*X %*u %*d %lu",
+      if (sscanf(line,
+                 " %*d: %32[0-9A-F]:%4X %*32[0-9A-F]:%*4X %2X %*X:%*X %*X:%*X %*X %*u %*d %lu",
                  local, &local_port, &state, &inode) == 4 &&
-          state == LISTEN && static_cast<int>(local_port) == port &&
-          strspn(local, "0") == 32)
+          state == LISTEN && static_cast<int>(local_port) == port && strspn(local, "0") == 32)
         any = inode;
     }
     fclose(f);
@@ -50,7 +50,9 @@ unsigned long listening_inode(in_addr address, int port) {
   return any;
 }
 
-bool all_digits(const char* text) { return *text != '\0' && strspn(text, "0123456789") == strlen(text); }
+bool all_digits(const char* text) {
+  return *text != '\0' && strspn(text, "0123456789") == strlen(text);
+}
 
 // Whether one of the process's descriptors is the socket.
 bool holds(const char* pid, const char* socket_link) {

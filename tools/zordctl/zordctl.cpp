@@ -6,8 +6,8 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <climits>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -65,8 +65,8 @@ const char USAGE_TEXT[] =
 
 // check's result for each exit status (1 and 2 are not results).
 constexpr const char* RESULTS[] = {
-    "serving", "",          "",         "not-listening", "modem-error",
-    "closed",  "no-answer", "no-modem", "full",          "wrong-answer", "foreign"};
+    "serving",   "",         "",     "not-listening", "modem-error", "closed",
+    "no-answer", "no-modem", "full", "wrong-answer",  "foreign"};
 
 enum class Command { NONE, HELP, VERSION, CELL, IDENTITY, WATCH, SEND, CHECK };
 
@@ -501,10 +501,9 @@ bool is_cell(std::string_view line) {
 // Whether a line could come from zord: its own answers, and what a modem
 // says (an information line, a result code, an echo), which zord passes on.
 bool is_at_line(std::string_view line) {
-  static constexpr std::string_view STARTS[] = {"+",    "%",     "^",       "*",
-                                                "$",    "AT",    "OK",      "ERROR",
-                                                "RING", "BUSY",  "CONNECT", "NO CARRIER",
-                                                "NO ANSWER", "NO DIALTONE"};
+  static constexpr std::string_view STARTS[] = {
+      "+",     "%",    "^",    "*",       "$",          "AT",        "OK",
+      "ERROR", "RING", "BUSY", "CONNECT", "NO CARRIER", "NO ANSWER", "NO DIALTONE"};
   for (std::string_view start : STARTS)
     if (starts_with(line, start)) return true;
   return !line.empty() && line[0] >= '0' && line[0] <= '9';  // a numeric result code
