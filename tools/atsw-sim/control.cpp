@@ -274,10 +274,11 @@ std::string run_control(Sim& sim, const std::string& line) {
 std::string Simulator::help() {
   std::string out;
   for (const auto& c : COMMANDS) {
+    // Appended piece by piece: g++ 12 warns (-Wrestrict, wrongly) on `" " + std::string(...)`.
     std::string usage(c.name);
-    if (!c.args.empty()) usage += " " + std::string(c.args);
+    if (!c.args.empty()) usage.append(" ").append(c.args);
     usage.resize(HELP_COLUMN, ' ');
-    out += usage + std::string(c.help) + "\n";
+    out.append(usage).append(c.help).append("\n");
   }
   return out;
 }

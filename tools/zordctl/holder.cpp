@@ -16,7 +16,8 @@ constexpr unsigned LISTEN = 0x0A;  // the kernel's TCP_LISTEN, as its tables sho
 // The inode of the listening socket for address:port in /proc/net/tcp, or in
 // /proc/net/tcp6 one bound to any address (it takes IPv4 connections too).
 // The tables print an address as the 32-bit words it is stored in, in the
-// host's order, which is how s_addr reads here too.
+// kernel's order, which is how s_addr reads here too; under an emulator of
+// another order (qemu-user) they come in the host's, so both are taken.
 unsigned long listening_inode(in_addr address, int port) {
   unsigned long exact = 0, any = 0;
   char line[512];
@@ -28,7 +29,7 @@ unsigned long listening_inode(in_addr address, int port) {
                  &local_port, &state, &inode) != 4 ||
           state != LISTEN || static_cast<int>(local_port) != port)
         continue;
-      if (local == address.s_addr) exact = inode;
+      if (local == address.s_addr || local == __builtin_bswap32(address.s_addr)) exact = inode;
       if (local == INADDR_ANY) any = inode;
     }
     fclose(f);
