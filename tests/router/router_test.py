@@ -556,6 +556,9 @@ def test_the_firewall_renders_the_rules_holds_and_takes_them_away():
             assert r.sh('zordctl check')[0] == 0, 'over loopback'
             r.ok('uci set zord.main.host_connections=3 && uci commit zord && reload_config')
             assert r.wait(lambda: 'ct count over 3' in r.ok('nft list ruleset')), 'not reloaded'
+            r.ok('uci set zord.main.client_address=192.168.1.999 && uci commit && reload_config')
+            opened = lambda: re.search(r'6666 .*accept .*ubus:zord', r.ok('nft list ruleset'))
+            assert r.wait(lambda: not opened()), 'an address that does not validate opened the zone'
             r.ok('/etc/init.d/zord stop')
             assert r.wait(lambda: 'zord' not in r.ok('nft list ruleset')), 'left behind'
         finally:
