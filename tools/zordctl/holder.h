@@ -1,17 +1,14 @@
-// Who holds a TCP port on this host: the process with the listening socket,
-// found through the kernel's tables in /proc.
+// Who holds the port of a daemon on this host: the process with the
+// listening socket that the kernel's table of TCP sockets names.
 #pragma once
 
-#include <netinet/in.h>
+#include "tools/zordctl/link.h"
 
 struct Holder {
   int pid = 0;
   char name[16] = {};  // its command name, as /proc/<pid>/comm gives it
 };
 
-// The process that listens on `port` for connections to `address` (as a
-// connection to it would be taken: by the socket bound to the address
-// itself, else by one bound to any address). False when it cannot be told:
-// nobody listens, the socket belongs to a process this user may not look
-// into, or there is no /proc.
-bool port_holder(in_addr address, int port, Holder& holder);
+// False when it cannot be told: a daemon on another host, nobody listening,
+// or a socket of a process this user may not look into.
+bool port_holder(const Link& link, Holder& holder);

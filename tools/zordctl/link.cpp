@@ -77,9 +77,10 @@ bool same_address(unsigned written, in_addr addr) {
 }
 
 struct Seen {
-  bool read = false;          // the kernel's table could be read
-  bool listening = false;     // something listens on the daemon's port
-  bool same_address = false;  // another connection from this one's address to the daemon
+  bool read = false;           // the kernel's table could be read
+  bool listening = false;      // something listens on the daemon's port
+  unsigned long listener = 0;  // its socket's inode: on the daemon's address, else on any
+  bool same_address = false;   // another connection from this one's address to the daemon
 };
 
 // What the kernel's table of TCP sockets shows of a daemon on this host:
@@ -93,19 +94,45 @@ Seen look_at_tcp_table(const Link& link) {
   char row[256];
   while (fgets(row, sizeof row, table) != nullptr) {
     unsigned local = 0, local_port = 0, remote = 0, remote_port = 0, state = 0;
-    if (sscanf(row, "%*u: %8X:%4X %8X:%4X %2X", &local, &local_port, &remote, &remote_port,
-               &state) != 5)
+    unsigned long inode = 0;
+    if (sscanf(row, "%*u: %8X:%4X %8X:%4X %2X %*X:%*X %*X:%*X %*X %*u %*d %lu", &local, &local_port,
+               &remote, &remote_port, &state, &inode) < 5)
       continue;
     if (state == TCP_LISTEN && local_port == port &&
-        (local == 0 || same_address(local, link.remote.sin_addr)))
+        (local == 0 || same_address(local, link.remote.sin_addr))) {
       seen.listening = true;
+      if (local != 0 || seen.listener == 0) seen.listener = inode;
+    }
     if (state == TCP_ESTABLISHED && same_address(local, link.local.sin_addr) &&
         local_port != own_port && same_address(remote, link.remote.sin_addr) && remote_port == port)
       seen.same_address = true;
   }
   fclose(table);
+  // A program listening on IPv6's any address takes IPv4 connections too.
+  if (!seen.listening && (table = fopen("/proc/net/tcp6", "r")) != nullptr) {
+    while (fgets(row, sizeof row, table) != nullptr) {
+      char local[33] = {};
+      unsigned local_port = 0, state = 0;
+      unsigned long inode = 0;
+      if (sscanf(row, "%*u: %32[0-9A-F]:%4X %*32[0-9A-F]:%*4X %2X %*X:%*X %*X:%*X %*X %*u %*d %lu",
+                 local, &local_port, &state, &inode) == 4 &&
+          state == TCP_LISTEN && local_port == port && strspn(local, "0") == 32) {
+        seen.listening = true;
+        seen.listener = inode;
+      }
+    }
+    fclose(table);
+  }
   return seen;
 }
+
+}  // namespace
+
+unsigned long listener_inode(const Link& link) {
+  return is_loopback(link.remote.sin_addr) ? look_at_tcp_table(link).listener : 0;
+}
+
+namespace {
 
 // Takes the next line out of what was received; false when none is whole.
 bool take_line(Link& link, Line& line) {

@@ -65,6 +65,9 @@ enum class Got { LINE, TIME_UP, INTERRUPTED, ENDED };
 // The next non-empty line, without CR; ENDED: connection_ended() says why.
 Got next_line(Link& link, Millis deadline, Line& line);
 int connection_ended(const Link& link);
+// The inode of the socket that listens on the port of a daemon on this host
+// (a loopback address), as the kernel's table shows it; 0 when none or not told.
+unsigned long listener_inode(const Link& link);
 
 bool is_final(const char* line);
 bool ends_answer(const Link& link, const char* line);

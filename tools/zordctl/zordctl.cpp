@@ -622,7 +622,7 @@ int foreign(const Options& o, const Link& link, int status) {
   if (status != CLOSED && status != NO_ANSWER && status != FULL && status != WRONG_ANSWER)
     return status;
   Holder holder;
-  if (port_holder(link.remote.sin_addr, o.port, holder))
+  if (port_holder(link, holder))
     return is(holder.name, "zord") ? status
                                    : fail(FOREIGN, "%s:%d is held by %s (process %d), not by zord",
                                           o.host, o.port, holder.name, holder.pid);
